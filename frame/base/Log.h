@@ -1,0 +1,47 @@
+#pragma once
+
+#include "Vantel/ILogger.h"
+
+namespace Vantel::Orbel {
+
+/// "/a/b/Spin.cpp" -> "Spin": the name under which a source file appears in a log line.
+/// Evaluated at compile time by the macros below; no other place formats it.
+struct SourceName {
+    consteval explicit SourceName(const char* path) {
+        const char* begin = path;
+        for (const char* at = path; *at != '\0'; ++at) {
+            if (*at == '/') {
+                begin = at + 1;
+            }
+        }
+        size_t length = 0;
+        while (begin[length] != '\0' && begin[length] != '.') {
+            if (length + 1 >= sizeof name) {
+                throw "source file name too long for a log line";
+            }
+            name[length] = begin[length];
+            ++length;
+        }
+    }
+
+    char name[64] = {};
+};
+
+}  // namespace Vantel::Orbel
+
+/// One line of the library's own log. `format` is a literal without the "[%s:%d]" in front of it.
+#define ORBEL_LOG_AT(level, format, ...)                                                   \
+    do {                                                                                   \
+        static constexpr ::Vantel::Orbel::SourceName orbelSourceName(__FILE__);            \
+        ::Vantel::ILogger::instance()->print(::Vantel::ILogger::LoggerLevel::level,        \
+                                             "Orbel", "[%s:%d]" format,                    \
+                                             orbelSourceName.name,                         \
+                                             __LINE__ __VA_OPT__(, ) __VA_ARGS__);         \
+    } while (false)
+
+#define ORBEL_LOG_DEBUG(...) ORBEL_LOG_AT(kDebug, __VA_ARGS__)
+#define ORBEL_LOG_TRACE(...) ORBEL_LOG_AT(kTrace, __VA_ARGS__)
+#define ORBEL_LOG_INFO(...) ORBEL_LOG_AT(kInfo, __VA_ARGS__)
+#define ORBEL_LOG_WARN(...) ORBEL_LOG_AT(kWarn, __VA_ARGS__)
+#define ORBEL_LOG_ERROR(...) ORBEL_LOG_AT(kError, __VA_ARGS__)
+#define ORBEL_LOG_FATAL(...) ORBEL_LOG_AT(kFatal, __VA_ARGS__)
