@@ -1,0 +1,57 @@
+# Everything around the library: each directory's rule is in the comment above its loop.
+target_compile_options(orbel_objects PRIVATE
+    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+
+find_package(GTest REQUIRED)
+find_package(benchmark REQUIRED)
+find_program(ORBEL_MOLD mold)
+if(ORBEL_MOLD)
+    add_link_options(-fuse-ld=mold)
+    target_link_options(orbel PRIVATE -fuse-ld=mold)
+endif()
+enable_testing()
+
+function(orbel_program source directory)
+    get_filename_component(name ${source} NAME_WE)
+    add_executable(${name} ${source})
+    set_target_properties(${name} PROPERTIES
+        CXX_EXTENSIONS OFF RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${directory})
+    target_compile_features(${name} PRIVATE cxx_std_20)
+    target_compile_options(${name} PRIVATE -Wall -Wextra -Wshadow -Werror)
+    target_link_libraries(${name} PRIVATE ${ARGN})
+endfunction()
+
+# tests/<subsystem>/*Test.cpp: one GoogleTest program and one test each; *Helper.cpp: one helper
+# program each, found by the tests beside themselves. Both see the internal classes.
+file(GLOB tests CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/*/*Test.cpp)
+file(GLOB helpers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/*/*Helper.cpp)
+add_custom_target(helpers)
+foreach(source IN LISTS helpers)
+    orbel_program(${source} tests orbel_static)
+    get_filename_component(name ${source} NAME_WE)
+    add_dependencies(helpers ${name})
+endforeach()
+foreach(source IN LISTS tests)
+    orbel_program(${source} tests orbel_static GTest::gtest_main)
+    get_filename_component(name ${source} NAME_WE)
+    add_dependencies(${name} helpers)
+    add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
+    set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+endforeach()
+
+# bench/*Bench.cpp: one Google Benchmark program each; bench/*.cpp: programs with a main of their
+# own. examples/*.cpp and tools/*.cpp: one program each, which sees what an application sees.
+file(GLOB benches CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/bench/*.cpp)
+foreach(source IN LISTS benches)
+    if(source MATCHES "Bench.cpp$")
+        orbel_program(${source} bench orbel_static benchmark::benchmark_main)
+    else()
+        orbel_program(${source} bench orbel_static)
+    endif()
+endforeach()
+foreach(directory examples tools)
+    file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${directory}/*.cpp)
+    foreach(source IN LISTS sources)
+        orbel_program(${source} ${directory} orbel::orbel)
+    endforeach()
+endforeach()

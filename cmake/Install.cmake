@@ -1,0 +1,18 @@
+include(CMakePackageConfigHelpers)
+
+install(TARGETS orbel EXPORT orbelTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(EXPORT orbelTargets NAMESPACE orbel:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/orbel)
+
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/orbelConfig.cmake.in
+    ${PROJECT_BINARY_DIR}/orbelConfig.cmake
+    INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/orbel)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/orbelConfigVersion.cmake
+    COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/orbelConfig.cmake ${PROJECT_BINARY_DIR}/orbelConfigVersion.cmake
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/orbel)
+
+# Relative to the file itself: the prefix may still be chosen, or moved, at installation.
+file(RELATIVE_PATH ORBEL_PC_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/orbel.pc.in ${PROJECT_BINARY_DIR}/orbel.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/orbel.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
