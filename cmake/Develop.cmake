@@ -55,3 +55,9 @@ foreach(directory examples tools)
         orbel_program(${source} ${directory} orbel::orbel)
     endforeach()
 endforeach()
+
+# What is installed can be used from outside, and exports what the list says. The sanitizers'
+# builds add symbols of their own and are not installed.
+if(NOT CMAKE_BUILD_TYPE MATCHES "^(Asan|Tsan)$")
+    add_test(NAME install COMMAND ${PROJECT_SOURCE_DIR}/tests/install/install_test.sh ${PROJECT_BINARY_DIR})
+endif()

@@ -30,13 +30,12 @@ struct SourceName {
 }  // namespace Vantel::Orbel
 
 /// One line of the library's own log. `format` is a literal without the "[%s:%d]" in front of it.
-#define ORBEL_LOG_AT(level, format, ...)                                                   \
-    do {                                                                                   \
-        static constexpr ::Vantel::Orbel::SourceName orbelSourceName(__FILE__);            \
-        ::Vantel::ILogger::instance()->print(::Vantel::ILogger::LoggerLevel::level,        \
-                                             "Orbel", "[%s:%d]" format,                    \
-                                             orbelSourceName.name,                         \
-                                             __LINE__ __VA_OPT__(, ) __VA_ARGS__);         \
+#define ORBEL_LOG_AT(level, format, ...)                                                     \
+    do {                                                                                     \
+        static constexpr ::Vantel::Orbel::SourceName orbelSourceName(__FILE__);              \
+        ::Vantel::ILogger::instance()->print(::Vantel::ILogger::LoggerLevel::level, "Orbel", \
+                                             "[%s:%d]" format, orbelSourceName.name,         \
+                                             __LINE__ __VA_OPT__(, ) __VA_ARGS__);           \
     } while (false)
 
 #define ORBEL_LOG_DEBUG(...) ORBEL_LOG_AT(kDebug, __VA_ARGS__)
