@@ -8,11 +8,11 @@ rooms='frame|thread|time|net|ipc|memory|log|config|object|file|client|utils'
 
 # Layer of a path; the first pattern that fits decides. A public header counts as its class does.
 layers='
-0 ^frame/base/|^Vantel/Export[.]h|/(TDelegate|TSignal)[.]h|^utils/|^Vantel/Utils/
+0 ^frame/base/|^Vantel/Export[.]h|/(TDelegate|TSignal|BuildIdentity)[.]h|^frame/BuildIdentity[.]|^utils/|^Vantel/Utils/
 1 ^time/|/(CTime|SystemTime)[.]h
 2 ^log/|^Vantel/(ILogger|LoggerLimit)[.]h|^Vantel/Log/
 3 ^thread/|^frame/|/(C[A-Za-z]*Mutex|PrioMutex|SHMMutex|CSemaphore|CSpin|SpinLock|RWSpinLock|SpinSem)[.]h
-3 /(CThread[A-Za-z]*|IThread[A-Za-z]*|RTAbsSleep|ProcessServices|BuildIdentity|ErrorState)[.]h
+3 /(CThread[A-Za-z]*|IThread[A-Za-z]*|RTAbsSleep|ProcessServices|ErrorState)[.]h
 5 ^memory/|^Vantel/Memory/
 7 ^ipc/|/(SharedMem[A-Za-z]*|NamedPipe|ProcessQueue|MPMCIDXQueue)[.]h
 8 ^(config|file|object)/|^Vantel/(Config|INI|Object)/

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <list>
+#include <mutex>
+
+#include "Vantel/Export.h"
+#include "Vantel/Orbel/TDelegate.h"
+
+namespace Vantel::Orbel {
+
+/// An ordered list of delegates, all called by one emission in their order of attachment.
+///
+/// Threads: any thread may attach, detach and emit. An emission holds the lock until its last
+/// delegate has returned, so after detach() on another thread the delegate neither runs nor will
+/// be called again. The lock is recursive: a delegate may attach and detach on the signal that
+/// calls it, itself included. A delegate that emits the signal again ends the outer emission
+/// early: the walk has one cursor.
+///
+/// A failed lock throws std::system_error; what a delegate throws runs through, and the delegates
+/// behind it are not called.
+template <class... Args>
+class ORBEL_API TSignal {
+public:
+    using Slot = TDelegate<void, Args...>;
+
+    /// `threadSafe` false: no lock is taken, all calls come from one thread.
+    explicit TSignal(bool threadSafe = true) : mCursor(mSlots.end()), mThreadSafe(threadSafe) {}
+    TSignal(const TSignal&) = delete;
+    TSignal& operator=(const TSignal&) = delete;
+
+    /// Adds a copy of `proc` at the end; one attached during an emission is called in it.
+    /// Returns the new number of slots, or -1 if an equal delegate is attached already.
+    int attach(const Slot& proc) {
+        {
+            const auto guard = lock();
+            if (find(proc) != mSlots.end()) {
+                return -1;
+            }
+        }
+        // Two holds of the lock, as it is meant to be: of two threads that attach equal delegates
+        // at the same moment, both may get through.
+        const auto guard = lock();
+        mSlots.push_back(proc);
+        ++mSize;
+        if (mCursor == mSlots.end()) {
+            --mCursor;
+        }
+        return mSize;
+    }
+
+    /// Removes the first delegate equal to `proc`; nothing happens if there is none.
+    void detach(const Slot& proc) {
+        const auto guard = lock();
+        const auto slot = find(proc);
+        if (slot == mSlots.end()) {
+            return;
+        }
+        if (mCursor == slot) {
+            ++mCursor;
+        }
+        mSlots.erase(slot);
+        --mSize;
+    }
+
+    /// The emission: calls every slot with `args`.
+    void operator()(Args... args) {
+        const auto guard = lock();
+        mCursor = mSlots.begin();
+        while (mCursor != mSlots.end()) {
+            const auto slot = mCursor++;  // moved on before the call, which may move it again
+            (*slot)(args...);
+        }
+    }
+
+private:
+    using Slots = std::list<Slot>;
+
+    std::unique_lock<std::recursive_mutex> lock() {
+        return mThreadSafe ? std::unique_lock(mMutex) : std::unique_lock<std::recursive_mutex>();
+    }
+
+    typename Slots::iterator find(const Slot& proc) {
+        auto slot = mSlots.begin();
+        while (slot != mSlots.end() && !(*slot == proc)) {
+            ++slot;
+        }
+        return slot;
+    }
+
+    Slots mSlots;
+    int mSize = 0;
+    typename Slots::iterator mCursor;  // during an emission, the slot after the one being called
+    const bool mThreadSafe;
+    std::recursive_mutex mMutex;
+};
+
+}  // namespace Vantel::Orbel
