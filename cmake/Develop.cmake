@@ -40,7 +40,8 @@ foreach(source IN LISTS tests)
 endforeach()
 
 # bench/*Bench.cpp: one Google Benchmark program each; bench/*.cpp: programs with a main of their
-# own. examples/*.cpp and tools/*.cpp: one program each, which sees what an application sees.
+# own. tools/*.cpp: one program each; these see the internals. examples/*.cpp see what an
+# application sees.
 file(GLOB benches CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/bench/*.cpp)
 foreach(source IN LISTS benches)
     if(source MATCHES "Bench.cpp$")
@@ -50,9 +51,13 @@ foreach(source IN LISTS benches)
     endif()
 endforeach()
 foreach(directory examples tools)
+    set(library orbel_static)
+    if(directory STREQUAL examples)
+        set(library orbel::orbel)
+    endif()
     file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${directory}/*.cpp)
     foreach(source IN LISTS sources)
-        orbel_program(${source} ${directory} orbel::orbel)
+        orbel_program(${source} ${directory} ${library})
     endforeach()
 endforeach()
 

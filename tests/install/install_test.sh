@@ -3,6 +3,7 @@
 # Installs into an empty prefix and builds from outside the tree against it, once through the CMake
 # package (this consumer and every example) and once through pkg-config, and runs the consumer.
 set -euo pipefail
+shopt -s nullglob
 build=$1
 source=$(cd "$(dirname "$0")/../.." && pwd)
 scratch=$(mktemp -d)
