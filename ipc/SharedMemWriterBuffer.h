@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+
+#include "ipc/SharedMemBaseBuffer.h"
+
+namespace Vantel::Orbel {
+
+class SharedMemWriteChannelImpl;
+
+/// A handle on a block in its writer's hands: one of the holds that `writeRef` counts.
+class SharedMemWriterBuffer : public SharedMemBaseBuffer {
+public:
+    /// Without `held` adds 1 to `writeRef`; with it, the caller has done so.
+    SharedMemWriterBuffer(unsigned long channelId, BlockHeader* header, void* data, bool held);
+    /// Lets go of its hold. The last one gives the block back through the channel.
+    ~SharedMemWriterBuffer() override;
+
+    bool resize(unsigned int sizeBytes) override;
+    bool resizeExtraData(unsigned int sizeBytes) override;
+    unsigned int incReference() override;
+    unsigned int decReference() override;
+
+    /// The block's sequence as this handle knows it: from its making, or its last commit.
+    unsigned long sequence() const { return mSequence; }
+    void setSequence(unsigned long sequence) { mSequence = sequence; }
+
+    /// Whom to give the block back to. Without a living channel it stays as it is.
+    void setFinish(std::weak_ptr<SharedMemWriteChannelImpl> channel);
+
+private:
+    unsigned long mSequence;
+    /// The block is this handle's only as long as it has this writer: the master may have taken it
+    /// away and given it to another.
+    const unsigned long mWriterId;
+    std::weak_ptr<SharedMemWriteChannelImpl> mChannel;
+};
+
+}  // namespace Vantel::Orbel
