@@ -1,0 +1,30 @@
+#pragma once
+
+#include <string>
+
+#include "Vantel/Export.h"
+
+namespace Json {
+class Value;
+}
+
+namespace Vantel::Utils {
+
+/// Parses a JSON document in the parser's strict mode: an object or an array, no comments. What
+/// follows its end is not looked at. False, with `value` null, for null, a `size` in bytes below 1,
+/// or a text that is no such document.
+ORBEL_API bool stringToJson(const char* text, int size, Json::Value& value);
+ORBEL_API bool stringToJson(const std::string& text, Json::Value& value);
+
+/// The same, and true only for an object or an array.
+ORBEL_API bool stringToJsonGroup(const char* text, int size, Json::Value& value);
+ORBEL_API bool stringToJsonGroup(const std::string& text, Json::Value& value);
+
+/// Indented, or in one line; either ends in a newline.
+ORBEL_API std::string jsonToString(const Json::Value& value, bool styled);
+
+/// `base` with the members of `overlay` put over it: objects merge member by member, everything
+/// else, arrays too, is replaced. If either is no object the result is `base`.
+ORBEL_API Json::Value jsonMerge(const Json::Value& base, const Json::Value& overlay);
+
+}  // namespace Vantel::Utils
