@@ -1,0 +1,44 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <cstddef>
+
+#include "ipc/PipeMessage.h"
+
+namespace Vantel::Orbel {
+
+/// Reads control messages in batches. The message headers are set up once and used again for each
+/// batch: one object a thread at a time.
+class PipeReceiver {
+public:
+    static constexpr unsigned int kBatch = 16;
+
+    PipeReceiver();
+    PipeReceiver(const PipeReceiver&) = delete;
+    PipeReceiver& operator=(const PipeReceiver&) = delete;
+
+    /// Reads up to `count` (1..16) messages that are there into `messages`, without waiting.
+    /// Returns how many; 0 at the end of the stream; -1 with errno: EAGAIN, the error of the
+    /// system call, EMSGSIZE if a message came with more descriptors than fit, EIO if it was cut
+    /// short. After -1 no descriptor of the batch is left open.
+    ///
+    /// `fd` of each message is then the first descriptor that came with it, the caller's to close,
+    /// or -1. Such a descriptor is not close-on-exec.
+    int receive(int fd, PipeMessage* messages, unsigned int count);
+
+private:
+    /// Room for one descriptor; alignment makes it room for two, of which the second is closed.
+    static constexpr size_t kControlBytes = CMSG_SPACE(sizeof(int));
+    static_assert(kControlBytes == 24);
+
+    struct alignas(cmsghdr) ControlBuffer {
+        unsigned char bytes[kControlBytes];
+    };
+
+    mmsghdr mHeaders[kBatch];
+    iovec mVectors[kBatch];
+    ControlBuffer mControls[kBatch];
+};
+
+}  // namespace Vantel::Orbel
