@@ -2,11 +2,6 @@
 
 namespace Vantel::Log {
 
-ILogClient* ILogClient::instance() {
-    static NullLogClient client;
-    return &client;
-}
-
 bool NullLogClient::init(const Json::Value& /*config*/) {
     return false;
 }

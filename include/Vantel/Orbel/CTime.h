@@ -50,9 +50,8 @@ public:
     /// Normalises `time` and returns its milliseconds since 1970 as they are: no offset, no DST.
     static uint64_t gmtToUtcTimestamp(CTime& time);
 
-    /// Milliseconds since 1970 in UTC of this local time. Not the inverse of breakTime() in the
-    /// hour that the clock shows twice when DST ends, nor in the last hour of a year whose DST
-    /// spans its end: the rule is asked about the standard time.
+    /// Milliseconds since 1970 in UTC of this local time. With DST not the inverse of breakTime()
+    /// in the last hour of summer and in the last hour of the year.
     uint64_t makeTime() const;
     /// Becomes the local time of `ms` milliseconds since 1970 in UTC.
     void breakTime(uint64_t ms);
