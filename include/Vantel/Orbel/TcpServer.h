@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+#include "Vantel/Export.h"
+#include "Vantel/Orbel/StreamServer.h"
+
+namespace Vantel::Orbel {
+
+/// A StreamServer for IPv4 and IPv6 addresses.
+class ORBEL_API TcpServer : public StreamServer {
+public:
+    TcpServer(EventLoop* loop, const std::string& name);
+    TcpServer(EventLoop* loop, const std::string& name, EventLoopGroup* group);
+    ~TcpServer() override;
+
+protected:
+    bool checkListenAddress(const InetAddress& addr) const override;
+};
+
+}  // namespace Vantel::Orbel

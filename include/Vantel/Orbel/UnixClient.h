@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+
+#include "Vantel/Export.h"
+#include "Vantel/Orbel/StreamClient.h"
+
+namespace Vantel::Orbel {
+
+/// A StreamClient for Unix domain addresses.
+class ORBEL_API UnixClient : public StreamClient {
+public:
+    UnixClient(EventLoop* loop, const std::string& name);
+    ~UnixClient() override;
+
+protected:
+    bool checkServerAddress(const InetAddress& addr) const override;
+};
+
+}  // namespace Vantel::Orbel

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <string>
+
+#include "Vantel/Export.h"
+#include "Vantel/Orbel/StreamServer.h"
+
+namespace Vantel::Orbel {
+
+/// A StreamServer for Unix domain addresses.
+class ORBEL_API UnixServer : public StreamServer {
+public:
+    UnixServer(EventLoop* loop, const std::string& name);
+    UnixServer(EventLoop* loop, const std::string& name, EventLoopGroup* group);
+    ~UnixServer() override;
+
+protected:
+    bool checkListenAddress(const InetAddress& addr) const override;
+};
+
+}  // namespace Vantel::Orbel
