@@ -1,6 +1,5 @@
 #include "Vantel/Utils/Strings.h"
 
-#include <regex>
 #include <sstream>
 
 namespace Vantel::Utils {
@@ -122,8 +121,19 @@ std::vector<std::string> splitString(const std::string& text, const std::string&
 }
 
 bool checkTimeFormat(const std::string& text) {
-    static const std::regex format("^([0-1]?[0-9]|2[0-3]):([0-5][0-9]):([0-5][0-9])$");
-    return std::regex_match(text, format);
+    // One or two digits of the hour, then ":mm:ss".
+    if (text.size() < 7 || text.size() > 8) {
+        return false;
+    }
+    const size_t colon = text.size() - 6;
+    const auto digit = [&text](size_t at) { return text[at] >= '0' && text[at] <= '9'; };
+    const auto belowSixty = [&](size_t at) {
+        return text[at] == ':' && digit(at + 1) && text[at + 1] < '6' && digit(at + 2);
+    };
+    const bool hour = colon == 1 ? digit(0)
+                                 : digit(1) && (text[0] == '0' || text[0] == '1' ||
+                                                (text[0] == '2' && text[1] < '4'));
+    return hour && belowSixty(colon) && belowSixty(colon + 3);
 }
 
 }  // namespace Vantel::Utils

@@ -192,7 +192,8 @@ TEST(Strings, CharactersAndTimes) {
         EXPECT_TRUE(checkTimeFormat(good)) << good;
     }
     for (const char* bad :
-         {"24:00:00", "7:5:00", "7:05", "7:05:60", "7:60:00", "", " 7:05:00", "7:05:00\n"}) {
+         {"24:00:00", "7:5:00", "7:05", "7:05:60", "7:60:00", "", " 7:05:00", "a:05:00", "2a:05:00",
+          "0705:00", "07:0500", "30:05:00", "007:05:00", "7:05:00\n"}) {
         EXPECT_FALSE(checkTimeFormat(bad)) << bad;
     }
     EXPECT_FALSE(stringValid(nullptr));
