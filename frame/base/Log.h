@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+
 #include "Vantel/ILogger.h"
 
 namespace Vantel::Orbel {
