@@ -87,6 +87,7 @@ public:
     std::shared_ptr<SharedMemory> memory() const { return mMemory; }
 
 private:
+    bool matches(const PoolHeader& header) const;
     BlockHeader* blockAt(PoolHeader* header, unsigned int index) const;
     PoolHeader* attached() const { return mHeader.load(std::memory_order_acquire); }
 
