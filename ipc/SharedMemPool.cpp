@@ -204,8 +204,7 @@ bool SharedMemPool::releaseBlock(BlockHeader* block, unsigned long sequence) {
 }
 
 bool SharedMemPool::releaseBlock(BlockHeader* block) {
-    return attached() != nullptr && block != nullptr &&
-           releaseBlock(block, block->status.stateWord().sequence);
+    return block != nullptr && releaseBlock(block, block->status.stateWord().sequence);
 }
 
 BlockHeader* SharedMemPool::getBlockHeader(unsigned int index) const {

@@ -4,39 +4,49 @@
 
 #include <atomic>
 #include <thread>
-#include <vector>
 
 namespace Vantel::Orbel {
 namespace {
 
-/// Runs `work(i)` on `count` threads that start together.
-template <class Work>
-void together(uint32_t count, Work&& work) {
-    std::atomic<uint32_t> waiting{count};
-    std::vector<std::thread> threads;
-    for (uint32_t i = 0; i < count; ++i) {
-        threads.emplace_back([&, i] {
-            --waiting;
-            while (waiting != 0) {
-                std::this_thread::yield();
+/// Runs `work(thread)` on two threads `rounds` times, each time set off by a spin; the one that
+/// sets off waits a little longer each time, since the other sees it late. So the two really meet.
+/// `between` runs alone after each round.
+template <class Work, class Between>
+void meet(int rounds, Work&& work, Between&& between) {
+    std::atomic<int> begun{0};
+    std::atomic<int> ended{0};
+    std::thread other([&] {
+        for (int round = 1; round <= rounds; ++round) {
+            while (begun < round) {
             }
-            work(i);
-        });
+            work(1u);
+            ended = round;
+        }
+    });
+    for (int round = 1; round <= rounds; ++round) {
+        begun = round;
+        for (int delay = round % 200; delay > 0; --delay) {
+            std::atomic_signal_fence(std::memory_order_seq_cst);  // keeps the loop
+        }
+        work(0u);
+        while (ended < round) {
+        }
+        between();
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    other.join();
 }
 
 TEST(BlockStatusTest, OfReadersThatLeaveAtOnceExactlyOneIsLast) {
-    for (int round = 0; round < 200; ++round) {
-        BlockStatus status{};
-        status.storeMasks({0xFF, 0xFF});
-        std::atomic<int> last{0};
-        together(kMaxReaders, [&](uint32_t reader) { last += status.leaveReader(reader) ? 1 : 0; });
-        ASSERT_EQ(last, 1);
-        ASSERT_TRUE(status.readerMasks().empty());
-    }
+    BlockStatus status{};
+    status.storeMasks({0b11, 0b11});
+    std::atomic<int> last{0};
+    meet(
+        20000, [&](uint32_t reader) { last += status.leaveReader(reader) ? 1 : 0; },
+        [&] {
+            EXPECT_EQ(last.exchange(0), 1);
+            EXPECT_TRUE(status.readerMasks().empty());
+            status.storeMasks({0b11, 0b11});
+        });
 }
 
 TEST(BlockStatusTest, WhoWasTakenOffTheMasksBeforeIsNotLast) {
@@ -63,11 +73,15 @@ TEST(BlockStatusTest, EachStepTouchesTheMaskThatItNames) {
 }
 
 TEST(SharedFieldTest, ACountIsNeverLoweredBelowZero) {
-    SharedField<uint32_t> count{3};
+    SharedField<uint32_t> count{1};
     std::atomic<int> last{0};
-    together(8, [&](uint32_t) { last += count.lower() == 1 ? 1 : 0; });
-    EXPECT_EQ(count.load(), 0u);
-    EXPECT_EQ(last, 1);
+    meet(
+        20000, [&](uint32_t) { last += count.lower() == 1 ? 1 : 0; },
+        [&] {
+            EXPECT_EQ(last.exchange(0), 1);
+            EXPECT_EQ(count.load(), 0u);
+            count.store(1);
+        });
 }
 
 TEST(PoolGeometryTest, RefusesWhatItsFieldsCannotHold) {

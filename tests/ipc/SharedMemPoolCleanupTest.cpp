@@ -177,7 +177,7 @@ TEST_F(SharedMemPoolCleanupTest, AReadyBlockWaitsForLiveReadersThatHoldIt) {
         EXPECT_EQ(block->status.claimMask(), c.left.claim);
         EXPECT_EQ(state(block), c.outcome == kFreed ? BlockState::Free : BlockState::Ready);
         const bool told = c.outcome == kToldWriter || (!c.reachable && c.outcome == kFreed);
-        EXPECT_EQ(mNodes.mNotified.size(), told ? 1u : 0u);
+        ASSERT_EQ(mNodes.mNotified.size(), told ? 1u : 0u);
         if (c.outcome == kToldWriter) {
             EXPECT_EQ(mNodes.mNotified.front(), sequence);
             EXPECT_NE(block->status.timestamp.load(), timestamp) << "the next pass waits again";
