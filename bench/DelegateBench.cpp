@@ -3,7 +3,9 @@
 #include <benchmark/benchmark.h>
 
 #include <functional>
+#include <future>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "Vantel/Orbel/TDelegate.h"
@@ -13,6 +15,20 @@ using Vantel::Orbel::TDelegate;
 using Vantel::Orbel::TSignal;
 
 namespace {
+
+/// A second thread, asleep: without one the C library leaves the atomic instructions of its locks
+/// out, which no process of ours ever sees.
+class Companion {
+public:
+    ~Companion() {
+        mDone.set_value();
+        mThread.join();
+    }
+
+private:
+    std::promise<void> mDone;
+    std::thread mThread{[this] { mDone.get_future().wait(); }};
+} companion;
 
 int64_t total = 0;
 

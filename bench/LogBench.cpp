@@ -51,6 +51,15 @@ void lineBelowTheLevel(benchmark::State& state) {
 }
 BENCHMARK(lineBelowTheLevel);
 
+/// As an application does it.
+void lineBelowTheLevelByInstance(benchmark::State& state) {
+    setUp();
+    for (auto _ : state) {
+        ILogger::instance()->print(ILogger::kDebug, "Bench", "%s of %d\n", "name", 5);
+    }
+}
+BENCHMARK(lineBelowTheLevelByInstance);
+
 /// The floor: the message alone.
 void snprintfOfTheMessage(benchmark::State& state) {
     char text[4096];

@@ -80,16 +80,18 @@ private:
 
 }  // namespace
 
+constinit std::atomic<ILogger*> Orbel::processLogger{nullptr};
+
 ILogger* ILogger::instance() {
     static pthread_once_t once = PTHREAD_ONCE_INIT;
-    static constinit std::atomic<ILogger*> logger{nullptr};
-    ILogger* known = logger.load(std::memory_order_acquire);
+    ILogger* known = Orbel::processLogger.load(std::memory_order_acquire);
     if (known == nullptr) {
         // Never destroyed: other objects log in their own destructors.
         pthread_once(&once, [] {
-            logger.store(new LoggerImpl(*Log::ILogClient::instance()), std::memory_order_release);
+            Orbel::processLogger.store(new LoggerImpl(*Log::ILogClient::instance()),
+                                       std::memory_order_release);
         });
-        known = logger.load(std::memory_order_acquire);
+        known = Orbel::processLogger.load(std::memory_order_acquire);
     }
     return known;
 }

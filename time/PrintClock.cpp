@@ -11,9 +11,10 @@ namespace {
 constexpr int64_t kRefreshAfterUs = 400000;
 
 // Not CTime's reading: that one logs its failure, and the line would come back here for a stamp.
+// Coarse is exact to a tick of the kernel, plenty for an age of 0.4 seconds, and costs a fifth.
 uint64_t monotonicUs() {
     timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
 }
 

@@ -1,10 +1,20 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 
 #include "Vantel/ILogger.h"
 
 namespace Vantel::Orbel {
+
+// Null until the first ILogger::instance(), which is what sets it. Looked at here as well: most
+// lines are below the level, and the call would be a good part of what those cost.
+extern constinit std::atomic<ILogger*> processLogger;
+
+inline ILogger* logger() {
+    ILogger* known = processLogger.load(std::memory_order_acquire);
+    return known != nullptr ? known : ILogger::instance();
+}
 
 /// "/a/b/Spin.cpp" -> "Spin": the name under which a source file appears in a log line.
 /// Evaluated at compile time by the macros below; no other place formats it.
@@ -32,12 +42,12 @@ struct SourceName {
 }  // namespace Vantel::Orbel
 
 /// One line of the library's own log. `format` is a literal without the "[%s:%d]" in front of it.
-#define ORBEL_LOG_AT(level, format, ...)                                                     \
-    do {                                                                                     \
-        static constexpr ::Vantel::Orbel::SourceName orbelSourceName(__FILE__);              \
-        ::Vantel::ILogger::instance()->print(::Vantel::ILogger::LoggerLevel::level, "Orbel", \
-                                             "[%s:%d]" format, orbelSourceName.name,         \
-                                             __LINE__ __VA_OPT__(, ) __VA_ARGS__);           \
+#define ORBEL_LOG_AT(level, format, ...)                                                 \
+    do {                                                                                 \
+        static constexpr ::Vantel::Orbel::SourceName orbelSourceName(__FILE__);          \
+        ::Vantel::Orbel::logger()->print(::Vantel::ILogger::LoggerLevel::level, "Orbel", \
+                                         "[%s:%d]" format, orbelSourceName.name,         \
+                                         __LINE__ __VA_OPT__(, ) __VA_ARGS__);           \
     } while (false)
 
 #define ORBEL_LOG_DEBUG(...) ORBEL_LOG_AT(kDebug, __VA_ARGS__)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <iterator>
 #include <list>
 #include <mutex>
 
@@ -32,14 +33,14 @@ public:
     /// Returns the new number of slots, or -1 if an equal delegate is attached already.
     int attach(const Slot& proc) {
         {
-            const auto guard = lock();
+            const Lock guard(*this);
             if (find(proc) != mSlots.end()) {
                 return -1;
             }
         }
         // Two holds of the lock, as it is meant to be: of two threads that attach equal delegates
         // at the same moment, both may get through.
-        const auto guard = lock();
+        const Lock guard(*this);
         mSlots.push_back(proc);
         ++mSize;
         if (mCursor == mSlots.end()) {
@@ -50,7 +51,7 @@ public:
 
     /// Removes the first delegate equal to `proc`; nothing happens if there is none.
     void detach(const Slot& proc) {
-        const auto guard = lock();
+        const Lock guard(*this);
         const auto slot = find(proc);
         if (slot == mSlots.end()) {
             return;
@@ -64,20 +65,36 @@ public:
 
     /// The emission: calls every slot with `args`.
     void operator()(Args... args) {
-        const auto guard = lock();
-        mCursor = mSlots.begin();
-        while (mCursor != mSlots.end()) {
-            const auto slot = mCursor++;  // moved on before the call, which may move it again
+        const Lock guard(*this);
+        auto slot = mSlots.begin();
+        while (slot != mSlots.end()) {
+            mCursor = std::next(slot);  // before the call, which may move it again
             (*slot)(args...);
+            slot = mCursor;
         }
     }
 
 private:
     using Slots = std::list<Slot>;
 
-    std::unique_lock<std::recursive_mutex> lock() {
-        return mThreadSafe ? std::unique_lock(mMutex) : std::unique_lock<std::recursive_mutex>();
-    }
+    class Lock {
+    public:
+        explicit Lock(TSignal& signal) : mMutex(signal.mThreadSafe ? &signal.mMutex : nullptr) {
+            if (mMutex != nullptr) {
+                mMutex->lock();
+            }
+        }
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+        ~Lock() {
+            if (mMutex != nullptr) {
+                mMutex->unlock();
+            }
+        }
+
+    private:
+        std::recursive_mutex* const mMutex;
+    };
 
     typename Slots::iterator find(const Slot& proc) {
         auto slot = mSlots.begin();
