@@ -42,12 +42,14 @@ public:
     bool tryRead(uint64_t& value);
     /// write(1).
     bool notify();
-    void wakeup();
+    bool wakeup();
     /// Wakes up unless a wake-up is pending since the last resetWakeup(): a burst of wake-ups makes
     /// one system call. What the caller stored before this call is seen by whoever calls
     /// resetWakeup() afterwards. False if the write failed.
     bool wakeupOnce();
     void resetWakeup();
+    /// A hint that orders nothing: true if wakeupOnce() would do nothing now.
+    bool isWakeupPending() const { return mWakeupPending.load(std::memory_order_relaxed); }
 
     /// Called with the value of each read, also when another reader was faster and it is 0.
     void setReadCallback(const std::function<void(uint64_t)>& callback);

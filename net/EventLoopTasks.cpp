@@ -1,0 +1,285 @@
+#include <algorithm>
+#include <utility>
+
+#include "Vantel/Orbel/CThread.h"
+#include "Vantel/Orbel/EventLoop.h"
+#include "frame/base/Guard.h"
+#include "frame/base/Log.h"
+#include "frame/base/ScopeExit.h"
+#include "net/EventLoopInternal.h"
+
+namespace Vantel::Orbel {
+
+namespace {
+
+/// A queue with more room than this gives it back once a batch needs only a small part of it: a
+/// burst must not hold its memory for the life of the loop.
+constexpr size_t kKeptTaskCapacity = 16384;
+constexpr size_t kUnusedShare = 16;
+
+bool runsEarlier(const Task& left, const Task& right) {
+    return left.first != right.first ? left.first : left.priority > right.priority;
+}
+
+EventLoop::TaskFunction onlyWhen(EventLoop::TaskFunction task, std::function<bool()> condition) {
+    return [task = std::move(task), condition = std::move(condition)] {
+        if (condition()) {
+            task();
+        }
+    };
+}
+
+}  // namespace
+
+void EventLoop::queueInLoop(TaskFunction task) {
+    mInternal->addTask(std::move(task), kPriorityNormal, false);
+}
+
+void EventLoop::queueInLoop(TaskFunction task, TaskPriority priority) {
+    mInternal->addTask(std::move(task), priority, false);
+}
+
+void EventLoop::queueInLoopFirst(TaskFunction task) {
+    mInternal->addTask(std::move(task), kPriorityNormal, true);
+}
+
+void EventLoop::runInLoop(TaskFunction task) {
+    runInLoop(std::move(task), kPriorityNormal);
+}
+
+void EventLoop::runInLoop(TaskFunction task, TaskPriority priority) {
+    if (isInLoopThread()) {
+        task();
+    } else {
+        queueInLoop(std::move(task), priority);
+    }
+}
+
+void EventLoop::runInLoopFirst(TaskFunction task) {
+    if (isInLoopThread()) {
+        task();
+    } else {
+        queueInLoopFirst(std::move(task));
+    }
+}
+
+void EventLoop::queueInLoopWhen(TaskFunction task, std::function<bool()> condition) {
+    queueInLoop(onlyWhen(std::move(task), std::move(condition)));
+}
+
+void EventLoop::runInLoopWhen(TaskFunction task, std::function<bool()> condition) {
+    runInLoop(onlyWhen(std::move(task), std::move(condition)));
+}
+
+void EventLoop::queueBatchInLoop(const std::vector<TaskFunction>& tasks) {
+    mInternal->addBatchTasks(tasks);
+}
+
+void EventLoop::runBatchInLoop(const std::vector<TaskFunction>& tasks) {
+    if (!isInLoopThread()) {
+        queueBatchInLoop(tasks);
+        return;
+    }
+    for (const TaskFunction& task : tasks) {
+        task();
+    }
+}
+
+size_t EventLoop::getPendingTaskCount() const {
+    return mInternal->pendingTaskCount();
+}
+
+uint64_t EventLoop::getTotalTasksExecuted() const {
+    // The base first: it is an earlier value of the count.
+    const uint64_t base = mInternal->mExecutedBase.load(std::memory_order_acquire);
+    return mInternal->mTotalTasksExecuted.load(std::memory_order_relaxed) - base;
+}
+
+uint64_t EventLoop::getTotalTasksQueued() const {
+    return mInternal->mTotalTasksQueued.load(std::memory_order_relaxed);
+}
+
+void EventLoop::resetTaskStatistics() {
+    mInternal->resetTaskStatistics();
+}
+
+size_t EventLoop::Internal::pendingTaskCount() {
+    const Guard<CMutex> guard(mMutex);
+    return mPendingTasks.size();
+}
+
+void EventLoop::Internal::resetTaskStatistics() {
+    const Guard<CMutex> guard(mMutex);
+    mTotalTasksQueued.store(0, std::memory_order_relaxed);
+    mExecutedBase.store(mTotalTasksExecuted.load(std::memory_order_relaxed),
+                        std::memory_order_release);
+}
+
+/// Under mMutex, which also makes the plain increment of the counter enough.
+/// True if the caller, once out of the lock, has to wake the loop. None is needed while the loop is
+/// at work and looks at the queue before it sleeps, nor while a wake-up is pending: the loop clears
+/// that under the same lock under which it takes the queue.
+bool EventLoop::Internal::appendTask(TaskFunction&& task, TaskPriority priority, bool first,
+                                     bool mustRun) {
+    mPendingTasks.emplace_back(std::move(task), priority, first, mustRun);
+    mTotalTasksQueued.store(mTotalTasksQueued.load(std::memory_order_relaxed) + 1,
+                            std::memory_order_relaxed);
+    return mMustWake && mWakeup && !mWakeup->isWakeupPending();
+}
+
+void EventLoop::Internal::addTask(TaskFunction&& task, TaskPriority priority, bool first) {
+    bool wake = false;
+    {
+        const Guard<CMutex> guard(mMutex);
+        wake = appendTask(std::move(task), priority, first, false);
+        mNeedSort = mNeedSort || first || priority != kPriorityNormal;
+    }
+    if (wake) {
+        wakeupForTask();
+    }
+}
+
+void EventLoop::Internal::addBatchTasks(const std::vector<TaskFunction>& tasks) {
+    bool wake = false;
+    {
+        const Guard<CMutex> guard(mMutex);
+        for (const TaskFunction& task : tasks) {
+            wake = appendTask(TaskFunction(task), kPriorityNormal, false, false);
+        }
+    }
+    if (wake) {
+        wakeupForTask();
+    }
+}
+
+bool EventLoop::Internal::addCleanup(TaskFunction&& cleanup, bool onlyIfRunning) {
+    bool wake = false;
+    {
+        const Guard<CMutex> guard(mMutex);
+        if (onlyIfRunning && !mTakesCleanup) {
+            return false;
+        }
+        wake = appendTask(std::move(cleanup), kPriorityNormal, false, true);
+        ++mMustRunCount;
+    }
+    if (wake) {
+        wakeupForTask();
+    }
+    return true;
+}
+
+/// The loop thread needs no wake-up for a task that it will look for before it polls again.
+void EventLoop::Internal::wakeupForTask() {
+    if (isInLoopThread() && !mCallingPendingFunctors.load(std::memory_order_relaxed) &&
+        mLooping.load()) {
+        return;
+    }
+    wakeup();
+}
+
+void EventLoop::Internal::doPendingFunctors() {
+    mCallingPendingFunctors.store(true, std::memory_order_relaxed);
+    bool needSort = false;
+    {
+        const Guard<CMutex> guard(mMutex);
+        mWakeup->resetWakeup();
+        mRunningTasks.swap(mPendingTasks);
+        // After tasks comes one more turn without sleep: who posts one, mostly posts the next, and
+        // needs no system call to wake a loop that is awake.
+        // In once mode each wake-up shows, as the event that ends the loop: none may be saved.
+        mMustWake = mRunningTasks.empty() || mMode == kLoopOnce;
+        mMaySleep = mMustWake;
+        needSort = std::exchange(mNeedSort, false);
+        mMustRunCount = 0;
+    }
+    if (needSort) {
+        std::stable_sort(mRunningTasks.begin(), mRunningTasks.end(), runsEarlier);
+    }
+    for (const Task& task : mRunningTasks) {
+        runGuarded(task.callback);
+    }
+    // Still under the flag: a destructor of what a task captured may queue another one.
+    const size_t taskCount = mRunningTasks.size();
+    mRunningTasks.clear();
+    if (mRunningTasks.capacity() > std::max(kKeptTaskCapacity, taskCount * kUnusedShare)) {
+        mRunningTasks.shrink_to_fit();
+    }
+    mCallingPendingFunctors.store(false, std::memory_order_relaxed);
+}
+
+void EventLoop::Internal::runGuarded(const TaskFunction& task) {
+    try {
+        task();
+        mTotalTasksExecuted.store(mTotalTasksExecuted.load(std::memory_order_relaxed) + 1,
+                                  std::memory_order_relaxed);
+    } catch (const std::exception& exception) {
+        ORBEL_LOG_ERROR("Exception in EventLoop task: %s\n", exception.what());
+    } catch (...) {
+        ORBEL_LOG_ERROR("Unknown exception in EventLoop task\n");
+    }
+}
+
+void EventLoop::Internal::openCleanups() {
+    const Guard<CMutex> guard(mMutex);
+    mTakesCleanup = true;
+}
+
+/// Ends with an empty-handed look at the queue and mTakesCleanup cleared under the same lock: a
+/// clean-up that was taken is run, and one that comes later is refused.
+void EventLoop::Internal::closeCleanups() {
+    // What a clean-up queues is not looked for before the next poll: it must wake the loop.
+    mCallingPendingFunctors.store(true, std::memory_order_relaxed);
+    const ScopeExit done(
+        [this] { mCallingPendingFunctors.store(false, std::memory_order_relaxed); });
+    bool wake = false;
+    for (;;) {
+        std::vector<TaskFunction> cleanups;
+        {
+            const Guard<CMutex> guard(mMutex);
+            cleanups = takeCleanups();
+            if (cleanups.empty()) {
+                mTakesCleanup = false;
+                wake = !std::exchange(mMustWake, true) && !mPendingTasks.empty();
+                break;
+            }
+        }
+        for (const TaskFunction& cleanup : cleanups) {
+            runGuarded(cleanup);
+        }
+    }
+    mMaySleep = true;
+    if (wake) {
+        wakeup();  // the next loop() is to come to what is left at once
+    }
+}
+
+/// Under mMutex. The other tasks stay queued.
+std::vector<EventLoop::TaskFunction> EventLoop::Internal::takeCleanups() {
+    std::vector<TaskFunction> cleanups;
+    if (std::exchange(mMustRunCount, 0) == 0) {
+        return cleanups;
+    }
+    const auto kept = std::stable_partition(mPendingTasks.begin(), mPendingTasks.end(),
+                                            [](const Task& task) { return !task.mustRun; });
+    for (auto task = kept; task != mPendingTasks.end(); ++task) {
+        cleanups.push_back(std::move(task->callback));
+    }
+    mPendingTasks.erase(kept, mPendingTasks.end());
+    return cleanups;
+}
+
+void EventLoop::Internal::dropTasks() {
+    for (;;) {
+        closeCleanups();
+        std::vector<Task> dropped;
+        {
+            const Guard<CMutex> guard(mMutex);
+            dropped.swap(mPendingTasks);
+        }
+        if (dropped.empty()) {
+            return;
+        }
+    }
+}
+
+}  // namespace Vantel::Orbel
