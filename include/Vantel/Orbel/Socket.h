@@ -1,0 +1,114 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "Vantel/Export.h"
+
+namespace Vantel::Orbel {
+
+class InetAddress;
+
+/// Owns one socket descriptor. It does not know the event loop. What fails leaves errno set, and a
+/// line in the log where a system call refused; on a closed socket everything fails (EBADF where
+/// not told otherwise).
+///
+/// Threads: one at a time. waitEvent and its kin block: not for the thread of a loop.
+class ORBEL_API Socket {
+public:
+    /// Creates a socket; the type may hold SOCK_NONBLOCK and SOCK_CLOEXEC. If that fails the
+    /// socket is closed from birth.
+    Socket(int family, int type, int protocol);
+    /// Takes over `fd` (negative: a closed socket) and asks the kernel for the rest.
+    explicit Socket(int fd);
+    /// The moved-from socket is closed.
+    Socket(Socket&& other) noexcept;
+    Socket& operator=(Socket&& other) noexcept;
+    Socket(const Socket&) = delete;
+    Socket& operator=(const Socket&) = delete;
+    /// Closes the descriptor.
+    virtual ~Socket();
+
+    /// False with errno: EINVAL for an invalid address, EAFNOSUPPORT for one of another family, or
+    /// why the kernel refused.
+    virtual bool bind(const InetAddress& addr);
+
+    /// False if it is closed already.
+    bool close();
+    /// `how` is SHUT_RD, SHUT_WR or SHUT_RDWR.
+    bool shutdown(int how);
+
+    /// -1 when closed; the other three are 0 then, and where the kernel did not tell.
+    int32_t fd() const { return mFd; }
+    int32_t family() const { return mFamily; }
+    /// Without SOCK_NONBLOCK and SOCK_CLOEXEC.
+    int32_t type() const { return mType; }
+    int32_t protocol() const { return mProtocol; }
+
+    bool setCloseOnExec(bool on);
+    /// The file status flags (F_GETFL), -1 with errno on failure.
+    int getFileFlags() const;
+    bool setFileFlags(int flags);
+    bool isNonBlocking() const;
+    bool setNonBlocking(bool on);
+
+    /// Restricts the socket to one network interface, 1..15 bytes; mostly needs privileges.
+    bool bindToDevice(const std::string& name);
+
+    /// The invalid address on failure.
+    InetAddress getLocalAddress() const;
+    InetAddress getPeerAddress() const;
+    static InetAddress getLocalAddr(int fd);
+    static InetAddress getPeerAddr(int fd);
+
+    /// As the system calls of these names.
+    bool setSocketOption(int level, int name, const void* value, unsigned length);
+    bool getSocketOption(int level, int name, void* value, unsigned* length) const;
+
+    bool setReuseAddr(bool on);
+    bool setReusePort(bool on);
+    /// Bytes; the kernel doubles what it is told.
+    bool setRecvBufSize(int sizeBytes);
+    bool setSendBufSize(int sizeBytes);
+    /// Of blocking calls, in milliseconds; 0 for none. EINVAL if negative.
+    bool setRecvTimeout(int timeoutMs);
+    bool setSendTimeout(int timeoutMs);
+    /// Bytes, -1 on failure.
+    int getRecvBufSize() const;
+    int getSendBufSize() const;
+    /// Takes the pending error of the socket (0: none), or the errno of asking for it.
+    int getSocketError() const;
+
+    /// Bits for waitEvent.
+    static constexpr int kReadEvent = 1;
+    static constexpr int kWriteEvent = 2;
+
+    /// Waits for one of `events`; `timeoutMs` -1 is without limit. A signal starts the wait anew.
+    /// True if one of them came. False with errno otherwise: EINVAL for an argument out of range,
+    /// ETIMEDOUT, the error of the socket (EPIPE if it hung up without one). `revents` (null
+    /// allowed) gets the bits that came, 0 on time-out.
+    bool waitEvent(int events, int timeoutMs, int* revents) const;
+    bool waitReadable(int timeoutMs, int* revents) const;
+    bool waitWritable(int timeoutMs, int* revents) const;
+
+    /// socket(2) with a log line on failure: the descriptor, or -1.
+    static int create(int family, int type, int protocol);
+
+protected:
+    /// Whether `addr` can be used on this socket by the operation called `what`. False with a log
+    /// line and errno EINVAL (invalid) or EAFNOSUPPORT (another family).
+    bool checkAddressFamily(const InetAddress& addr, const char* what) const;
+
+private:
+    void adopt(Socket& other) noexcept;
+    bool setIntOption(int level, int name, int value);
+    int getIntOption(int level, int name) const;
+    bool setTimeoutOption(int name, int timeoutMs);
+
+    int32_t mFd;
+    int32_t mFamily;
+    int32_t mType;
+    int32_t mProtocol;
+};
+
+}  // namespace Vantel::Orbel

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include <cstddef>
+
+#include "Vantel/Export.h"
+#include "Vantel/Orbel/Socket.h"
+
+namespace Vantel::Orbel {
+
+/// A stream socket of any family, close-on-exec from birth. No send here raises SIGPIPE. Results
+/// of -1 come with errno; EINVAL is a closed socket or a null buffer with a length.
+///
+/// Threads: one at a time. connect with a time-out, sendAll and recvAll block: not for the thread
+/// of a loop.
+class ORBEL_API StreamSocket : public Socket {
+public:
+    /// IPv4, non-blocking.
+    StreamSocket();
+    StreamSocket(int family, bool nonBlocking);
+    StreamSocket(int family, int protocol, bool nonBlocking);
+    /// Takes over `fd`.
+    explicit StreamSocket(int fd);
+
+    /// The next connection as a non-blocking, close-on-exec descriptor, the caller's to close, or
+    /// -1. `peer` (null allowed) gets the address of the other side.
+    virtual int accept(InetAddress* peer);
+
+    /// True once connected. If that does not happen at once on a non-blocking socket, waits for it
+    /// up to `timeoutMs`; below 1 returns false with EINPROGRESS, for the caller to complete. A
+    /// Unix socket whose backlog is full starts nothing: it is tried again within the time-out,
+    /// and without one fails with EAGAIN.
+    virtual bool connect(const InetAddress& addr, int timeoutMs);
+
+    bool listen(int backlog);
+
+    /// As the system calls of these names.
+    ssize_t send(const void* buffer, size_t length, int flags);
+    ssize_t recv(void* buffer, size_t length, int flags);
+
+    /// Sends all of it, at most 0x7FFFFFFF bytes (EMSGSIZE), and returns `length`; -1 with
+    /// ETIMEDOUT if that takes longer than `timeoutMs` (-1: no limit), also if some of it is sent.
+    ssize_t sendAll(const void* buffer, size_t length, int flags, int timeoutMs);
+    /// Receives exactly `length` bytes, under the rules of sendAll, without log lines; -1 with
+    /// ECONNRESET if the peer ends before. What came until a failure stands in `buffer`.
+    ssize_t recvAll(void* buffer, size_t length, int flags, int timeoutMs);
+
+    /// EINVAL also for null `vectors` or a `count` below 1.
+    ssize_t readv(const iovec* vectors, int count);
+    ssize_t writev(const iovec* vectors, int count, int flags);
+
+    bool shutdownWrite();
+    bool shutdownRead();
+    bool shutdownBoth();
+};
+
+}  // namespace Vantel::Orbel
