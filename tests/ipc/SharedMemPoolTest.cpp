@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <thread>
 #include <vector>
 
@@ -87,6 +88,25 @@ TEST_F(SharedMemPoolTest, AFreshSegmentHasTheBytesOfTheFormat) {
     }
     EXPECT_TRUE(mLog.has("] Pool " + mName +
                          " memory initialized: blockSize=256, extraSize=8, blockCount=31\n"));
+}
+
+TEST_F(SharedMemPoolTest, ASegmentWhoseMakerDiedBeforeTheMagicIsMadeAnew) {
+    attached(2);
+    const NamedSegment segment = stranger();
+    std::memset(segment.address(), 0xEE, segment.size());
+    putWord(segment, 0, 0);
+    const auto pool = attached(2);
+    EXPECT_EQ(mLog.count("memory initialized"), 2);
+    for (unsigned int i = 0; i < 2; ++i) {
+        BlockHeader* block = pool->getBlockHeader(i);
+        EXPECT_EQ(block->status.stateWord().pack(), 0x10000000u);
+        EXPECT_TRUE(block->status.readerMasks().empty());
+        EXPECT_EQ(block->status.readerIds[7].load(), 0u);
+        EXPECT_EQ(block->size.load(), 0u);
+        EXPECT_EQ(block->extraData()[0], 0xEE) << "the extra data is nobody's business";
+    }
+    EXPECT_EQ(pool->allocateBlock(1, 1, 1, 1), pool->getBlockHeader(0));
+    EXPECT_FALSE(pool->checkAndCleanup(0)) << "and its lock works";
 }
 
 TEST_F(SharedMemPoolTest, AnOddExtraSizeIsNotRounded) {
