@@ -14,7 +14,8 @@ namespace Vantel::Orbel {
 /// repaired nor marked then.
 ///
 /// Threads: all methods from any thread of any process that maps it, leave() by the owner. The
-/// program ends (assertion) if the mutex cannot be set up, or is destroyed while it is held.
+/// program ends (assertion) if the mutex cannot be set up. Nobody may hold it when it is destroyed,
+/// which the system does not notice for a robust one.
 class ORBEL_API SHMMutex {
 public:
     SHMMutex();

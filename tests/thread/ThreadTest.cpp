@@ -1,0 +1,466 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Vantel/Orbel/CReadWriteMutex.h"
+#include "Vantel/Orbel/CThread.h"
+#include "Vantel/Orbel/CThreadLite.h"
+#include "Vantel/Orbel/CThreadManager.h"
+#include "Vantel/Orbel/CThreadSpecific.h"
+#include "Vantel/Orbel/CTime.h"
+#include "Vantel/Orbel/RTAbsSleep.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/WaitFor.h"
+#include "thread/ThreadInternal.h"
+
+using namespace Vantel::Orbel;
+using OrbelTest::LogCapture;
+using OrbelTest::waitFor;
+using std::chrono::milliseconds;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// A thread whose body is `body`, or a loop of short sleeps.
+class TestThread : public CThread {
+public:
+    explicit TestThread(std::function<void(TestThread&)> body = {}, const char* name = "TestThread",
+                        int priority = 64, int policy = 0, int stackSize = 0)
+        : CThread(name, priority, policy, stackSize), mBody(std::move(body)) {}
+    ~TestThread() override {
+        if (!isThreadOver()) {
+            destroyThread();
+        }
+        waitFor([this] { return isThreadOver(); });
+    }
+
+    bool waitUntilRunning() {
+        return waitFor([this] { return getThreadId() > 0 && mEntered.load() > 0; });
+    }
+
+    std::atomic<int> mEntered{0};
+
+protected:
+    void threadProc() override {
+        ++mEntered;
+        if (mBody) {
+            mBody(*this);
+            return;
+        }
+        while (looping()) {
+            sleep(1);
+        }
+    }
+
+private:
+    std::function<void(TestThread&)> mBody;
+};
+
+class ThreadTest : public testing::Test {
+protected:
+    LogCapture mLog;
+};
+
+TEST_F(ThreadTest, RunsOnceAtATimeAndAgainAfterItsEnd) {
+    TestThread thread;
+    EXPECT_TRUE(thread.isThreadOver());
+    EXPECT_EQ(thread.getThreadId(), -1);
+    EXPECT_FALSE(thread.destroyThread());
+    EXPECT_TRUE(mLog.has("thread 'TestThread' has exited!"));
+    EXPECT_FALSE(thread.cancelThread());
+    EXPECT_TRUE(mLog.has("thread 'TestThread' not exist!"));
+
+    ASSERT_TRUE(thread.createThread());
+    EXPECT_FALSE(thread.createThread());
+    EXPECT_TRUE(mLog.has("thread TestThread is still running"));
+    ASSERT_TRUE(thread.waitUntilRunning());
+    EXPECT_TRUE(CThreadManager::instance()->hasThread(thread.getThreadId()));
+    EXPECT_TRUE(thread.destroyThread());
+    EXPECT_FALSE(thread.destroyThread());
+    EXPECT_TRUE(mLog.has("thread 'TestThread' has been destroyed!"));
+
+    for (int run = 2; run < 30; ++run) {
+        ASSERT_TRUE(thread.createThread());
+        if (run % 3 == 0) {
+            thread.waitUntilRunning();
+        }
+        ASSERT_EQ(thread.terminateThread(), false) << "nothing can be joined";
+        ASSERT_FALSE(thread.looping());
+    }
+    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
+    EXPECT_EQ(thread.mEntered, 29);
+    EXPECT_FALSE(CThreadManager::instance()->hasThread(thread.getThreadId()));
+}
+
+TEST_F(ThreadTest, CreateWaitsForTheEndOfACancelledRun) {
+    std::atomic<int> inside{0};
+    std::atomic<int> together{0};
+    TestThread thread([&](TestThread& self) {
+        together += ++inside > 1 ? 1 : 0;
+        while (self.looping()) {
+            CThread::sleep(1);
+        }
+        CThread::sleep(30);  // long on its way out
+        --inside;
+    });
+    ASSERT_TRUE(thread.createThread());
+    ASSERT_TRUE(thread.waitUntilRunning());
+    const int firstId = thread.getThreadId();
+    EXPECT_TRUE(thread.cancelThread());
+    EXPECT_FALSE(thread.isThreadOver()) << "cancelThread does not wait";
+    EXPECT_FALSE(thread.cancelThread());
+    ASSERT_TRUE(thread.createThread());
+    ASSERT_TRUE(waitFor([&] { return thread.mEntered == 2; }));
+    EXPECT_NE(thread.getThreadId(), firstId);
+    EXPECT_EQ(together, 0);
+    EXPECT_TRUE(thread.cancelThread());
+    EXPECT_TRUE(thread.destroyThread()) << "waits, although the semaphore is not posted";
+    EXPECT_TRUE(thread.isThreadOver());
+}
+
+TEST_F(ThreadTest, DestroyOfItselfOnlyAsks) {
+    std::atomic<int> result{-1};
+    TestThread thread([&](TestThread& self) {
+        const bool destroyed = self.destroyThread();
+        result = destroyed && !self.looping() ? 1 : 0;
+    });
+    ASSERT_TRUE(thread.createThread());
+    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
+    EXPECT_EQ(result, 1);
+    // Its end has posted nothing: the next destroyThread must not be let through too early.
+    ASSERT_TRUE(thread.createThread());
+    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
+}
+
+TEST_F(ThreadTest, DestructorsOfRunningThreadsWait) {
+    std::atomic<int> ended{0};
+    for (int i = 0; i < 50; ++i) {
+        auto lite = std::make_unique<CThreadLite>(CThreadLite::Proc(+[](CThreadLite& self) {
+                                                      while (self.looping()) {
+                                                          CThread::sleep(1);
+                                                      }
+                                                  }),
+                                                  "lite", 64, 0, 0);
+        ASSERT_TRUE(lite->createThread());
+        TestThread thread([&](TestThread& self) {
+            while (self.looping()) {
+                CThread::sleep(0);
+            }
+            ++ended;
+        });
+        ASSERT_TRUE(thread.createThread());
+        if (i % 2 == 0) {
+            lite->cancelThread();
+        }
+    }
+    EXPECT_EQ(ended, 50);
+    CThreadLite empty(CThreadLite::Proc(), "empty", 64, 0, 0);
+    EXPECT_TRUE(empty.createThread());
+}
+
+TEST_F(ThreadTest, NamesAreCutAndCopied) {
+    EXPECT_STREQ(TestThread({}, nullptr).getThreadName(), "noNamed");
+    TestThread thread({}, std::string(40, 'n').c_str());
+    EXPECT_EQ(thread.getThreadName(), std::string(31, 'n'));
+    thread.setThreadName(nullptr);
+    EXPECT_STREQ(thread.getThreadName(), "noNamed");
+    thread.setThreadName("second");
+    ASSERT_TRUE(thread.createThread());
+    ASSERT_TRUE(thread.waitUntilRunning());
+    std::string name;
+    EXPECT_TRUE(CThreadManager::instance()->getThreadNameById(thread.getThreadId(), name));
+    EXPECT_EQ(name, "second");
+    EXPECT_FALSE(CThreadManager::instance()->getThreadNameById(-7, name));
+    EXPECT_FALSE(CThread::setCurrentThreadName(nullptr));
+}
+
+/// The name that the kernel has of a thread.
+std::string kernelName(int tid) {
+    std::string name;
+    std::getline(std::ifstream("/proc/self/task/" + std::to_string(tid) + "/comm"), name);
+    return name;
+}
+
+TEST_F(ThreadTest, OnlyLiteThreadsAreNamedForTheKernel) {
+    std::atomic<bool> running{false};
+    struct Body {
+        void run(CThreadLite& self) {
+            running = true;
+            while (self.looping()) {
+                CThread::sleep(1);
+            }
+        }
+        std::atomic<bool>& running;
+    } body{running};
+    CThreadLite lite({&body, &Body::run}, "a lite thread's name", 64, 0, 0);
+    TestThread plain({}, "plain");
+    ASSERT_TRUE(lite.createThread());
+    ASSERT_TRUE(plain.createThread());
+    ASSERT_TRUE(plain.waitUntilRunning());
+    ASSERT_TRUE(waitFor([&] { return running.load(); }));
+    EXPECT_EQ(kernelName(lite.getThreadId()), "a lite thread's");
+    EXPECT_NE(kernelName(plain.getThreadId()), "plain");
+}
+
+TEST_F(ThreadTest, SchedulingScale) {
+    EXPECT_EQ(realtimePriority(1, 1, 99), 99);
+    EXPECT_EQ(realtimePriority(64, 1, 99), 50);
+    EXPECT_EQ(realtimePriority(127, 1, 99), 1);
+    EXPECT_EQ(niceValue(1), -19);
+    EXPECT_EQ(niceValue(64), 0);
+    EXPECT_EQ(niceValue(127), 19);
+
+    std::atomic<int> nice{-100};
+    std::atomic<int> core{-1};
+    TestThread thread([&](TestThread&) {
+        nice = getpriority(PRIO_PROCESS, static_cast<id_t>(CThread::getCurrentThreadId()));
+        core = sched_getcpu();
+    });
+    thread.setSchedulePolicy(127, false);
+    EXPECT_TRUE(mLog.has("thread:TestThread set schedule priority:127,policy:N"));
+    thread.setSchedulePolicy(-1, false);  // keeps the priority
+    EXPECT_FALSE(thread.setRunCPUCoreId(-1));
+    EXPECT_FALSE(thread.setRunCPUCoreId(100000));
+    EXPECT_TRUE(mLog.has("set affinity cpu core id(100000) check failed"));
+    EXPECT_TRUE(thread.setRunCPUCoreId(0));
+    EXPECT_FALSE(thread.setRunCPUCoreId(0));
+    EXPECT_TRUE(mLog.has("has set affinity cpu id"));
+    ASSERT_TRUE(thread.createThread());
+    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
+    EXPECT_EQ(nice, 19);
+    EXPECT_EQ(core, 0);
+}
+
+TEST_F(ThreadTest, RealTimeWhereThePrivilegeIsThere) {
+    std::atomic<int> policy{-1};
+    std::atomic<int> priority{-1};
+    TestThread thread(
+        [&](TestThread&) {
+            sched_param parameter{};
+            int got = -1;
+            pthread_getschedparam(pthread_self(), &got, &parameter);
+            policy = got;
+            priority = parameter.sched_priority;
+        },
+        "rt", 64, 1, 0);
+    if (!thread.createThread()) {
+        EXPECT_TRUE(mLog.has("pthread create failed, errno=1"));
+        EXPECT_TRUE(thread.looping()) << "stays set after a failed start";
+        GTEST_SKIP() << "no right to first-in-first-out scheduling";
+    }
+    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
+    EXPECT_EQ(policy, SCHED_FIFO);
+    EXPECT_EQ(priority, realtimePriority(64, sched_get_priority_min(SCHED_FIFO),
+                                         sched_get_priority_max(SCHED_FIFO)));
+}
+
+TEST_F(ThreadTest, UnknownPolicyWarnsAndRuns) {
+    TestThread thread([](TestThread&) {}, "odd", 64, 5, 0);
+    EXPECT_TRUE(thread.createThread());
+    EXPECT_TRUE(mLog.has("CThread::CreateThread policy isn't set properly, policy = 5"));
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+TEST_F(ThreadTest, SmallestStackCarriesTheThreadAndItsLogLines) {
+    std::atomic<size_t> size{0};
+    TestThread thread(
+        [&](TestThread&) {
+            pthread_attr_t attributes;
+            void* base = nullptr;
+            size_t got = 0;
+            pthread_getattr_np(pthread_self(), &attributes);
+            pthread_attr_getstack(&attributes, &base, &got);
+            pthread_attr_destroy(&attributes);
+            size = got;
+        },
+        "small", 64, 0, 1000);
+    ASSERT_TRUE(thread.createThread());
+    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
+    EXPECT_EQ(size, 16384U);
+    EXPECT_TRUE(mLog.has("ThreadBody leave name = small"));
+}
+#endif
+
+TEST_F(ThreadTest, DeadlinesShowInTheManager) {
+    std::atomic<int> stage{0};
+    TestThread thread(
+        [&](TestThread& self) {
+            CThread::setCurrentTimeout(1);
+            stage = 1;
+            waitFor([&] { return stage == 2; });
+            self.setTimeout(0);
+            stage = 3;
+            waitFor([&] { return stage == 4; });
+        },
+        "late");
+    EXPECT_FALSE(thread.isTimeout());
+    EXPECT_FALSE(CThread::setCurrentTimeout(5)) << "this is no CThread";
+    ASSERT_TRUE(thread.createThread());
+    ASSERT_TRUE(waitFor([&] { return stage == 1 && thread.isTimeout(); }));
+    std::vector<std::string> names{"left over"};
+    CThreadManager* manager = CThreadManager::instance();
+    EXPECT_TRUE(manager->getTimeoutThreadName(names));
+    EXPECT_EQ(names,
+              std::vector<std::string>{"late(" + std::to_string(thread.getThreadId()) + ")"});
+    manager->registerMainThread();
+    manager->printThreads();
+    char row[128];
+    std::snprintf(row, sizeof row, "%24s   %8d  %3d  Timeout\n", "late", thread.getThreadId(), 64);
+    EXPECT_TRUE(mLog.has(row));
+    std::snprintf(row, sizeof row, "%24s   %8d  %3d  normal\n\n", "main", getpid(), 64);
+    EXPECT_TRUE(mLog.has(row));
+    stage = 2;
+    ASSERT_TRUE(waitFor([&] { return stage == 3; }));
+    EXPECT_FALSE(manager->getTimeoutThreadName(names));
+    EXPECT_TRUE(names.empty());
+    stage = 4;
+
+    TestThread other;  // the form with a reading of the clock
+    const auto now = static_cast<int>(CTime::getCurrentMilliSecond());
+    if (now > 0) {
+        other.setTimeout(0, now - 10);
+        EXPECT_TRUE(other.isTimeout());
+    }
+    other.setTimeout(1, -1000000);  // after 24.8 days of uptime
+    EXPECT_FALSE(other.isTimeout()) << "a negative reading makes a deadline that never passes";
+    other.setTimeout(5, 0);
+    EXPECT_FALSE(other.isTimeout());
+}
+
+TEST_F(ThreadTest, ManagerIsAskedWhileThreadsComeAndGo) {
+    std::atomic<bool> done{false};
+    std::thread asker([&] {
+        std::vector<std::string> names;
+        while (!done) {
+            CThreadManager::instance()->getTimeoutThreadName(names);
+            CThreadManager::instance()->printThreads();
+        }
+    });
+    TestThread threads[3];
+    for (int round = 0; round < 60; ++round) {
+        TestThread& thread = threads[round % 3];
+        ASSERT_TRUE(thread.createThread());
+        thread.setThreadName(round % 2 == 0 ? "even" : "odd");
+        ASSERT_TRUE(thread.destroyThread());
+    }
+    done = true;
+    asker.join();
+}
+
+TEST_F(ThreadTest, SleepIsNotShortenedBySignals) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+    const auto sleeps = [](auto sleep) {
+        std::atomic<bool> done{false};
+        Clock::duration slept{};
+        std::thread sleeper([&] {
+            const auto start = Clock::now();
+            sleep();
+            slept = Clock::now() - start;
+            done = true;
+        });
+        while (!done) {
+            pthread_kill(sleeper.native_handle(), SIGUSR1);
+            std::this_thread::sleep_for(std::chrono::microseconds(700));
+        }
+        sleeper.join();
+        return slept;
+    };
+    EXPECT_GE(sleeps([] { CThread::sleep(50); }), milliseconds(50));
+    EXPECT_GE(sleeps([] { CThread::interruptWait(50'000'000); }), milliseconds(50));
+    EXPECT_GE(sleeps([] { RTAbsSleep::manualBackoff(50'000'000); }), milliseconds(50));
+    EXPECT_LT(sleeps([] { CThread::sleep(-1); }), milliseconds(1000));
+}
+
+TEST_F(ThreadTest, IdIsRightInAForkedChild) {
+    const int parent = CThread::getCurrentThreadId();
+    EXPECT_EQ(parent, gettid());
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(CThread::getCurrentThreadId() == gettid() ? 0 : 1);
+    }
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(ThreadTest, LockWarnings) {
+    CReadWriteMutex lock(static_cast<RW_PRIORITY>(7));
+    EXPECT_TRUE(mLog.has("Input rwpriority level error, priorityDefault used!"));
+    lock.enterWriting();
+    lock.enterWriting();
+    EXPECT_TRUE(mLog.has("pthread_rwlock_wrlock called failed for :Resource deadlock avoided"));
+    lock.leave();
+}
+
+TEST(RTAbsSleepTest, RhythmHoldsAndRestartsAfterAnOverrun) {
+    constexpr long kStep = 10'000'000;
+    RTAbsSleep rhythm(kStep, kStep);
+    auto start = Clock::now();
+    rhythm.waitNextPeriod();  // none yet: returns at once
+    EXPECT_LT(Clock::now() - start, milliseconds(1000));
+    start = Clock::now();
+    for (int i = 0; i < 5; ++i) {
+        rhythm.waitPeriodWithStepForward(kStep);
+    }
+    EXPECT_GE(Clock::now() - start, milliseconds(50));
+    std::this_thread::sleep_for(milliseconds(60));
+    start = Clock::now();
+    rhythm.waitPeriodWithStepForward(kStep);
+    EXPECT_GE(Clock::now() - start, milliseconds(10)) << "caught up with what was missed";
+
+    start = Clock::now();
+    rhythm.periodComplete();
+    rhythm.waitNextPeriod();
+    rhythm.autoBackoff();
+    EXPECT_GE(Clock::now() - start, milliseconds(20));
+    rhythm.setPeriodNs(3600L * 1'000'000'000);
+    rhythm.periodComplete();
+    rhythm.resetRhythm();
+    rhythm.waitNextPeriod();  // an hour, if it were not forgotten
+    RTAbsSleep(kStep, 0).autoBackoff();
+}
+
+TEST(CThreadSpecificTest, EachThreadHasItsOwnValue) {
+    CThreadSpecific slot;
+    ASSERT_TRUE(slot.valid());
+    int mine = 0;
+    void* value = &mine;
+    EXPECT_FALSE(slot.getValue(nullptr));
+    EXPECT_TRUE(slot.getValue(&value));
+    EXPECT_EQ(value, nullptr);
+    EXPECT_TRUE(slot.setValue(&mine));
+    std::thread([&] {
+        void* other = &mine;
+        EXPECT_TRUE(slot.getValue(&other));
+        EXPECT_EQ(other, nullptr);
+    }).join();
+    EXPECT_TRUE(slot.getValue(&value));
+    EXPECT_EQ(value, &mine);
+
+    std::vector<std::unique_ptr<CThreadSpecific>> all;  // until the process has no slot left
+    do {
+        all.push_back(std::make_unique<CThreadSpecific>());
+    } while (all.back()->valid() && all.size() < 5000);
+    EXPECT_FALSE(all.back()->setValue(&mine));
+    value = &mine;
+    EXPECT_FALSE(all.back()->getValue(&value));
+    EXPECT_EQ(value, &mine);
+}
+
+}  // namespace
