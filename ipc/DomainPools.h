@@ -37,9 +37,11 @@ public:
     std::shared_ptr<SharedMemPool> create(DomainSegment& segment,
                                           const SharedMemDomain::PoolConfig& config);
 
-    /// The pool of the table, attached on first use. Null if there is none, it cannot be attached,
-    /// or `segment` is null.
-    std::shared_ptr<SharedMemPool> get(DomainSegment* segment, unsigned int poolId);
+    /// The pool of the table, attached on first use. Null if there is none or it cannot be
+    /// attached.
+    std::shared_ptr<SharedMemPool> get(DomainSegment& segment, unsigned int poolId);
+    /// The pool if it is attached already.
+    std::shared_ptr<SharedMemPool> attached(unsigned int poolId) const;
 
     /// The attached pool with the smallest blocks that fit, of these the one with the lowest id.
     std::shared_ptr<SharedMemPool> findBySize(unsigned int size, unsigned int extraSize) const;
@@ -53,8 +55,8 @@ private:
 
     std::shared_ptr<SharedMemPool> createUnlocked(DomainSegment& segment, const Config& config);
     std::shared_ptr<SharedMemPool> findByName(DomainSegment& segment, const std::string& name);
-    std::shared_ptr<SharedMemPool> attached(unsigned int poolId) const;
     std::shared_ptr<SharedMemPool> make(unsigned int poolId, const Config& config);
+    void publish(unsigned int poolId, std::shared_ptr<SharedMemPool> pool);
     void loadExisting(DomainSegment& segment);
 
     const std::string mDomainName;

@@ -2,9 +2,8 @@
 
 #include <sys/socket.h>
 
-#include <cstddef>
-
 #include "ipc/PipeMessage.h"
+#include "net/ControlMessage.h"
 
 namespace Vantel::Orbel {
 
@@ -28,17 +27,15 @@ public:
     int receive(int fd, PipeMessage* messages, unsigned int count);
 
 private:
-    /// Room for one descriptor; alignment makes it room for two, of which the second is closed.
-    static constexpr size_t kControlBytes = CMSG_SPACE(sizeof(int));
-    static_assert(kControlBytes == 24);
+    int checkBatch(PipeMessage* messages, int received);
 
-    struct alignas(cmsghdr) ControlBuffer {
-        unsigned char bytes[kControlBytes];
-    };
+    /// Room for one descriptor; alignment makes it room for two, of which the second is closed.
+    using Control = DescriptorControl<1>;
+    static_assert(sizeof(Control) == 24);
 
     mmsghdr mHeaders[kBatch];
     iovec mVectors[kBatch];
-    ControlBuffer mControls[kBatch];
+    Control mControls[kBatch];
 };
 
 }  // namespace Vantel::Orbel

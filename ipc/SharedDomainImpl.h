@@ -14,6 +14,7 @@
 #include "ipc/DomainPools.h"
 #include "ipc/DomainSegment.h"
 #include "ipc/NodeDirectory.h"
+#include "ipc/ProxyCache.h"
 
 namespace Vantel::Orbel {
 
@@ -28,10 +29,10 @@ class SharedMemWriterProxy;
 /// The one implementation of a domain. Owned by a shared pointer.
 ///
 /// Locks, in this order: the process mutex (init only), mMutex or the mutex of the pools, the
-/// segment's lock. mMutex is held for map operations only: nodes are closed, proxies built and
-/// destroyed, messages handled outside it, since all of these may wait for the loop, whose check()
-/// takes mMutex. mSegmentMutex is a leaf. mLoopGate is held shared while a proxy is built on the
-/// loop, and exclusively to take the loop away before it ends.
+/// segment's lock; mSegmentMutex and those of the proxy caches are leaves. mMutex is held for map
+/// operations only: nodes are closed, proxies built and closed, messages handled outside it, since
+/// all of these may wait for the loop, whose check() takes it. mLoopGate is held shared while a
+/// proxy is built on the loop, and exclusively to take the loop away before it ends.
 class SharedDomainImpl : public SharedMemDomain,
                          public NodeDirectory,
                          public std::enable_shared_from_this<SharedDomainImpl> {
@@ -78,12 +79,15 @@ public:
     /// Called once by each posted task when it is destroyed.
     void onAsyncTaskDone() { mWorker.onTaskDone(); }
 
+    /// As long as it is held, the loop that getEventLoop() returned does not end.
+    using LoopHold = std::shared_lock<std::shared_mutex>;
+    LoopHold holdLoop() { return LoopHold(mLoopGate); }
+    bool joined() const { return mInitialized; }
+
     /// True in the loop's and in the worker's thread.
     bool isOwnThread() const;
 
 private:
-    template <class Proxy>
-    using ProxyMap = std::map<unsigned long, std::shared_ptr<Proxy>>;
     using NodeMap = std::map<std::string, std::shared_ptr<SharedMemNodeImpl>>;
     struct LoopSettings;
 
@@ -96,24 +100,24 @@ private:
 
     void checkNodes();
     bool checkMasterProcess(DomainSegment& segment) const;
+    bool checkProcessAlive(int pid) const;
+    bool checkAndCleanupNode(DomainSegment& segment, unsigned int slot) const;
     void checkAndCleanupPools();
-    void dropLocalNodes(unsigned long nodeId);
+    void dropLocalNode(unsigned long nodeId);
     std::vector<std::shared_ptr<SharedMemNodeImpl>> localNodes() const;
+    std::shared_ptr<SharedMemNodeImpl> localNode(unsigned long nodeId) const;
 
     template <class Proxy>
-    std::shared_ptr<Proxy> getProxy(ProxyMap<Proxy>& proxies, unsigned long nodeId);
+    std::shared_ptr<Proxy> getProxy(ProxyCache<Proxy>& proxies, unsigned long nodeId);
     template <class Proxy>
-    std::shared_ptr<Proxy> buildProxy(ProxyMap<Proxy>& proxies, unsigned long nodeId);
-    template <class Proxy>
-    void dropProxy(ProxyMap<Proxy>& proxies, unsigned long nodeId);
-    template <class Proxy>
-    void dropInvalidProxies(ProxyMap<Proxy>& proxies);
+    std::shared_ptr<Proxy> buildProxy(ProxyCache<Proxy>& proxies, unsigned long nodeId);
 
     const std::string mDomainName;
     const int mPid;
     unsigned long mCheckTimerId = 0;  // loop thread only
     std::atomic<bool> mInitialized{false};
-    mutable std::mutex mMutex;  // over mNodes and the two proxy maps
+    std::atomic<bool> mLeaving{false};  // deInit() is under way
+    mutable std::mutex mMutex;          // over mNodes
     CProcessMutex mProcessMutex;
     mutable std::mutex mSegmentMutex;
     std::shared_ptr<DomainSegment> mSegment;
@@ -122,8 +126,8 @@ private:
     std::atomic<EventLoop*> mLoop{nullptr};
     CallbackWorker mWorker;
     NodeMap mNodes;
-    ProxyMap<SharedMemReaderProxy> mReaderProxies;
-    ProxyMap<SharedMemWriterProxy> mWriterProxies;
+    ProxyCache<SharedMemReaderProxy> mReaderProxies;
+    ProxyCache<SharedMemWriterProxy> mWriterProxies;
     std::vector<PoolConfig> mPoolConfigs;
     DomainPools mPools;
 };

@@ -13,6 +13,7 @@
 
 namespace Vantel::Orbel {
 
+class EventLoop;
 class SharedDomainImpl;
 class SharedMemReadChannelImpl;
 class SharedMemWriteChannelImpl;
@@ -22,8 +23,8 @@ class UnixServer;
 /// A node: its entry in the node table, its socket, its channels.
 ///
 /// Threads: messages are received and handled on the domain's loop; the notify operations come from
-/// any thread; mMutex guards the two maps and is never held across a call into a channel, which
-/// lives on through the shared pointer taken under it.
+/// any thread; mMutex guards the two maps and the server pointer and is never held across a call
+/// into a channel, which lives on through the shared pointer taken under it.
 class SharedMemNodeImpl : public SharedMemNode,
                           public std::enable_shared_from_this<SharedMemNodeImpl> {
 public:
@@ -40,6 +41,8 @@ public:
     std::shared_ptr<SharedMemReadChannel> newReadChannel(const std::string& name) override;
     std::shared_ptr<SharedMemWriteChannel> newWriteChannel(const std::string& name) override;
 
+    /// The id that the node was given, also when the table has it no more.
+    unsigned long createdId() const { return mNodeId; }
     unsigned int slot() const { return mSlot; }
     unsigned int tag() const { return mTag; }
     /// Null once the domain is gone.
@@ -72,7 +75,10 @@ private:
     template <class Impl>
     using ChannelMap = std::map<unsigned long, std::shared_ptr<Impl>>;
 
-    bool startServer();
+    NodeInfo& entry() const { return mSegment->node(mSlot); }
+    /// The slot is still this node's.
+    bool ownsEntry() const { return entry().nodeId.load() == mNodeId; }
+    bool startServer(EventLoop* loop, const std::string& path);
     void onReadable(const std::shared_ptr<StreamConnection>& connection);
     void handleOne(const PipeMessage& message);
     template <class Impl>
@@ -87,10 +93,12 @@ private:
     std::atomic<bool> mInitialized{false};
     const std::shared_ptr<DomainSegment> mSegment;  // keeps the entry mapped for nodeId()
     const unsigned int mSlot;
-    unsigned long mNodeId = 0;
-    unsigned int mTag = 0;
-    std::unique_ptr<UnixServer> mServer;
+    const std::string mName;  // as it stands in the table
+    const unsigned long mNodeId;
+    const unsigned int mTag;
+    std::mutex mInitMutex;
     std::mutex mMutex;
+    std::unique_ptr<UnixServer> mServer;
     const std::weak_ptr<SharedDomainImpl> mDomain;
     ChannelMap<SharedMemReadChannelImpl> mReadChannels;
     ChannelMap<SharedMemWriteChannelImpl> mWriteChannels;

@@ -46,8 +46,6 @@ public:
     void close();
 
 private:
-    bool send(const PipeMessage& message);
-
     const NodeEntry mNode;
     const std::string mDomainName;
     PrioMutex mMutex;  // two records must not interleave on the stream; also guards mClient
