@@ -156,8 +156,13 @@ struct BlockStatus {
     void storeMasks(const ReaderMasks& to) { masks.store(to.pack()); }
     /// Clears all of claimMask and leaves readMask.
     void clearClaims() { masks.fetchAnd(ReaderMasks{~0u, 0}.pack()); }
-    /// Clears the bit of `reader` (0..7) in readMask alone: it could not be told of the block.
-    void dropUntold(uint32_t reader) { masks.fetchAnd(~ReaderMasks{1u << reader, 0}.pack()); }
+    /// Clears the bit of `reader` (0..7) in readMask alone: it could not be told of the block. True
+    /// if that left nobody.
+    bool dropUntold(uint32_t reader) {
+        const uint64_t bit = ReaderMasks{1u << reader, 0}.pack();
+        const uint64_t before = masks.fetchAnd(~bit);
+        return (before & bit) != 0 && (before & ~bit) == 0;
+    }
     /// Clears the bit of `reader` in claimMask alone: a claim that came too late.
     void dropClaim(uint32_t reader) { masks.fetchAnd(~ReaderMasks{0, 1u << reader}.pack()); }
     /// Clears the bits of `reader` in both masks by one atomic AND. True for exactly one caller in
@@ -169,10 +174,10 @@ struct BlockStatus {
     }
 
     /// Takes the claim of reader `readerIndex` on the incarnation `sequence` of a ready block that
-    /// `writerId` wrote, and raises readRef. False, with nothing changed, if it cannot be had: the
+    /// `writer` wrote, and raises readRef. False, with nothing changed, if it cannot be had: the
     /// index is above 7, the block has moved on, the reader is not waited for or holds it already.
     /// Defined in ipc/BlockStatus.cpp.
-    bool tryClaimReader(unsigned int readerIndex, unsigned long writerId, unsigned long sequence);
+    bool tryClaimReader(unsigned int readerIndex, unsigned long writer, unsigned long sequence);
 };
 static_assert(sizeof(BlockStatus) == 112);
 static_assert(offsetof(BlockStatus, state) == 0 && offsetof(BlockStatus, masks) == 8 &&

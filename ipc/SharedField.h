@@ -40,6 +40,14 @@ struct SharedField {
         return count;
     }
 
+    /// Raises a count by one unless it is 0, which stays: false.
+    bool raiseUnlessZero() {
+        T count = load();
+        while (count != 0 && !compareExchange(count, count + 1)) {
+        }
+        return count != 0;
+    }
+
     T raw;
 };
 

@@ -1,6 +1,7 @@
 #include "Vantel/Orbel/CTime.h"
 #include "frame/base/Log.h"
 #include "frame/base/ScopeExit.h"
+#include "ipc/LostReaders.h"
 #include "ipc/NodeDirectory.h"
 #include "ipc/SharedMemPool.h"
 
@@ -19,54 +20,8 @@ bool youngerThan(uint64_t limitUs, uint64_t timestamp, uint64_t now) {
     return timestamp != 0 && timestamp <= now && now - timestamp < limitUs;
 }
 
-bool olderThan(uint64_t limitUs, uint64_t timestamp, uint64_t now) {
-    return timestamp < now && now - timestamp > limitUs;
-}
-
 uint64_t timestampOf(const BlockHeader& block) {
     return block.status.timestamp.load(std::memory_order_relaxed);
-}
-
-enum class Removal { None, SomeLeft, NobodyLeft };
-
-/// Takes a reader's bits out of both masks by one swap, as long as the block is in the incarnation
-/// that was judged and, unless it `mayHoldClaim`, the reader has not claimed it meanwhile.
-Removal removeReader(BlockStatus& status, uint64_t sequence, uint32_t reader, bool mayHoldClaim) {
-    const uint64_t bits = ReaderMasks::both(reader).pack();
-    const uint64_t claim = ReaderMasks{0, 1u << reader}.pack();
-    uint64_t masks = status.masks.load();
-    while ((masks & bits) != 0 && (mayHoldClaim || (masks & claim) == 0) &&
-           status.stateWord().is(BlockState::Ready, sequence)) {
-        const uint64_t left = masks & ~bits;
-        if (status.masks.compareExchange(masks, left)) {
-            return left == 0 ? Removal::NobodyLeft : Removal::SomeLeft;
-        }
-    }
-    return Removal::None;
-}
-
-/// Takes off a ready block the readers that are dead and, once `timedOut`, those that never claimed
-/// it. readRef stays: what a dead reader added is gone with the next allocation. True if a removal
-/// left nobody.
-bool removeLostReaders(BlockStatus& status, uint64_t sequence, NodeDirectory* domain,
-                       bool timedOut) {
-    for (uint32_t reader = 0; reader < kMaxReaders; ++reader) {
-        const uint64_t readerId = status.readerIds[reader].load(std::memory_order_relaxed);
-        if (readerId == 0) {
-            break;
-        }
-        if ((status.masks.load() & ReaderMasks::both(reader).pack()) == 0) {
-            continue;
-        }
-        const bool alive = domain != nullptr && domain->checkNodeAlive(readerId);
-        if (alive && !timedOut) {
-            continue;
-        }
-        if (removeReader(status, sequence, reader, !alive) == Removal::NobodyLeft) {
-            return true;
-        }
-    }
-    return false;
 }
 
 }  // namespace
