@@ -17,6 +17,7 @@ cmake -S "$consumer" -B "$scratch/build" -G Ninja -DCMAKE_PREFIX_PATH="$scratch/
     -DCMAKE_CXX_STANDARD=20 -DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DSOURCES="${sources%;}" >/dev/null
 cmake --build "$scratch/build" -j2
 "$scratch/build/consumer"
+"$scratch/build/two_modules"
 
 export PKG_CONFIG_PATH=$scratch/prefix/lib/pkgconfig
 g++ -std=c++17 "$consumer/consumer.cpp" -o "$scratch/consumer" $(pkg-config --cflags --libs orbel) \

@@ -126,41 +126,13 @@ private:
         mManager = &manage<Class, Member>;
     }
 
-    static R invokeRuntimeFunction(void* target, Args... args) {
-        return reinterpret_cast<Function>(target)(std::forward<Args>(args)...);
-    }
-
-    /// Nothing of the block is used once the member runs: it may destroy this very delegate.
+    // Defined outside of the class: inside they would be inline, and modules built with
+    // -fvisibility-inlines-hidden would each keep copies of their own, which compare unequal.
+    static R invokeRuntimeFunction(void* target, Args... args);
     template <class Class, class Member>
-    static R invokeMember(void* target, Args... args) {
-        const auto* block = static_cast<const ControlBlock<Class, Member>*>(target);
-        return (block->object->*block->member)(std::forward<Args>(args)...);
-    }
-
+    static R invokeMember(void* target, Args... args);
     template <class Class, class Member>
-    static int manage(TDelegate* self, const TDelegate* other, int operation) {
-        using Block = ControlBlock<Class, Member>;
-        auto* block = static_cast<Block*>(self->mTarget);
-        switch (operation) {
-            case kCopy:
-            case kCopyToo:
-                ++block->count;
-                return 0;
-            case kDestroy:
-                if (block->count == 1) {
-                    delete block;
-                } else {
-                    --block->count;
-                }
-                return 0;
-            case kCompare: {
-                const auto* right = static_cast<const Block*>(other->mTarget);
-                return block->object == right->object && block->member == right->member ? 1 : 0;
-            }
-            default:
-                return 0;
-        }
-    }
+    static int manage(TDelegate* self, const TDelegate* other, int operation);
 
     void swap(TDelegate& other) noexcept {
         std::swap(mTarget, other.mTarget);
@@ -174,6 +146,45 @@ private:
     Invoker mInvoker = nullptr;  // null in an empty delegate
     Manager mManager = nullptr;  // null without a control block
 };
+
+template <class R, class... Args>
+R TDelegate<R, Args...>::invokeRuntimeFunction(void* target, Args... args) {
+    return reinterpret_cast<Function>(target)(std::forward<Args>(args)...);
+}
+
+/// Nothing of the block is used once the member runs: it may destroy this very delegate.
+template <class R, class... Args>
+template <class Class, class Member>
+R TDelegate<R, Args...>::invokeMember(void* target, Args... args) {
+    const auto* block = static_cast<const ControlBlock<Class, Member>*>(target);
+    return (block->object->*block->member)(std::forward<Args>(args)...);
+}
+
+template <class R, class... Args>
+template <class Class, class Member>
+int TDelegate<R, Args...>::manage(TDelegate* self, const TDelegate* other, int operation) {
+    using Block = ControlBlock<Class, Member>;
+    auto* block = static_cast<Block*>(self->mTarget);
+    switch (operation) {
+        case kCopy:
+        case kCopyToo:
+            ++block->count;
+            return 0;
+        case kDestroy:
+            if (block->count == 1) {
+                delete block;
+            } else {
+                --block->count;
+            }
+            return 0;
+        case kCompare: {
+            const auto* right = static_cast<const Block*>(other->mTarget);
+            return block->object == right->object && block->member == right->member ? 1 : 0;
+        }
+        default:
+            return 0;
+    }
+}
 
 static_assert(sizeof(TDelegate<void>) == 4 * sizeof(void*));
 
