@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <thread>
 
 #include "Vantel/Orbel/CThread.h"
 #include "Vantel/Orbel/CTime.h"
@@ -109,6 +110,9 @@ void EventLoop::Internal::tearDown() {
     dropTasks();
     mTimerManager.reset();
     dropTasks();
+    while (mWakers.load(std::memory_order_acquire) != 0) {
+        std::this_thread::yield();
+    }
     mWakeup.reset();
     dropTasks();
     mPoller.reset();
@@ -195,10 +199,14 @@ void EventLoop::Internal::removeActiveChannel(const Channel* channel) {
 }
 
 void EventLoop::Internal::quit() {
-    mQuit.exchange(true);
-    if (!isInLoopThread()) {
-        wakeup();
+    if (isInLoopThread()) {
+        mQuit.exchange(true);
+        return;
     }
+    mWakers.fetch_add(1, std::memory_order_relaxed);
+    mQuit.exchange(true);
+    wakeup();
+    mWakers.fetch_sub(1, std::memory_order_release);
 }
 
 void EventLoop::Internal::wakeup() {

@@ -65,6 +65,10 @@ public:
     std::unique_ptr<Poller> mPoller;
     std::unique_ptr<TimerManager> mTimerManager;
     std::unique_ptr<EventFd> mWakeup;
+    /// How many are about to wake the loop. Raised before the loop can see what they want of it,
+    /// and lowered as the last thing they touch: its destructor waits for them, since their very
+    /// task, or quit, may be what ends the loop.
+    std::atomic<uint32_t> mWakers{0};
     const uint32_t mThreadId;
 
     // Under mMutex.
@@ -93,7 +97,8 @@ private:
     void dispatch(Poller::ChannelList& active);
     void updateStatistics(size_t activeCount) { mTotalEvents += activeCount; }
     void doPendingFunctors();
-    bool appendTask(TaskFunction&& task, TaskPriority priority, bool first, bool mustRun);
+    void appendTask(TaskFunction&& task, TaskPriority priority, bool first, bool mustRun);
+    bool enlistWaker();
     void wakeupForTask();
     void runGuarded(const TaskFunction& task);
     void openCleanups();

@@ -116,22 +116,31 @@ void EventLoop::Internal::resetTaskStatistics() {
 }
 
 /// Under mMutex, which also makes the plain increment of the counter enough.
-/// True if the caller, once out of the lock, has to wake the loop. None is needed while the loop is
-/// at work and looks at the queue before it sleeps, nor while a wake-up is pending: the loop clears
-/// that under the same lock under which it takes the queue.
-bool EventLoop::Internal::appendTask(TaskFunction&& task, TaskPriority priority, bool first,
+void EventLoop::Internal::appendTask(TaskFunction&& task, TaskPriority priority, bool first,
                                      bool mustRun) {
     mPendingTasks.emplace_back(std::move(task), priority, first, mustRun);
     mTotalTasksQueued.store(mTotalTasksQueued.load(std::memory_order_relaxed) + 1,
                             std::memory_order_relaxed);
-    return mMustWake && mWakeup && !mWakeup->isWakeupPending();
+}
+
+/// Under mMutex, after appendTask. True if the caller, once out of the lock, has to call
+/// wakeupForTask(). Nobody need wake the loop while it is at work and looks at the queue before it
+/// sleeps, nor while a wake-up is pending: the loop clears that under the same lock under which it
+/// takes the queue.
+bool EventLoop::Internal::enlistWaker() {
+    if (!mMustWake || !mWakeup || mWakeup->isWakeupPending()) {
+        return false;
+    }
+    mWakers.fetch_add(1, std::memory_order_relaxed);
+    return true;
 }
 
 void EventLoop::Internal::addTask(TaskFunction&& task, TaskPriority priority, bool first) {
     bool wake = false;
     {
         const Guard<CMutex> guard(mMutex);
-        wake = appendTask(std::move(task), priority, first, false);
+        appendTask(std::move(task), priority, first, false);
+        wake = enlistWaker();
         mNeedSort = mNeedSort || first || priority != kPriorityNormal;
     }
     if (wake) {
@@ -144,8 +153,9 @@ void EventLoop::Internal::addBatchTasks(const std::vector<TaskFunction>& tasks) 
     {
         const Guard<CMutex> guard(mMutex);
         for (const TaskFunction& task : tasks) {
-            wake = appendTask(TaskFunction(task), kPriorityNormal, false, false);
+            appendTask(TaskFunction(task), kPriorityNormal, false, false);
         }
+        wake = !tasks.empty() && enlistWaker();
     }
     if (wake) {
         wakeupForTask();
@@ -159,7 +169,8 @@ bool EventLoop::Internal::addCleanup(TaskFunction&& cleanup, bool onlyIfRunning)
         if (onlyIfRunning && !mTakesCleanup) {
             return false;
         }
-        wake = appendTask(std::move(cleanup), kPriorityNormal, false, true);
+        appendTask(std::move(cleanup), kPriorityNormal, false, true);
+        wake = enlistWaker();
         ++mMustRunCount;
     }
     if (wake) {
@@ -170,11 +181,11 @@ bool EventLoop::Internal::addCleanup(TaskFunction&& cleanup, bool onlyIfRunning)
 
 /// The loop thread needs no wake-up for a task that it will look for before it polls again.
 void EventLoop::Internal::wakeupForTask() {
-    if (isInLoopThread() && !mCallingPendingFunctors.load(std::memory_order_relaxed) &&
-        mLooping.load()) {
-        return;
+    if (!isInLoopThread() || mCallingPendingFunctors.load(std::memory_order_relaxed) ||
+        !mLooping.load()) {
+        wakeup();
     }
-    wakeup();
+    mWakers.fetch_sub(1, std::memory_order_release);
 }
 
 void EventLoop::Internal::doPendingFunctors() {
