@@ -57,12 +57,12 @@ public:
     socklen_t getSockLen() const;
 
     /// Views of the same bytes, whatever the family is.
-    const sockaddr_in* getSockAddr4() const;
-    sockaddr_in* getSockAddr4();
-    const sockaddr_in6* getSockAddr6() const;
-    sockaddr_in6* getSockAddr6();
-    const sockaddr_un* getSockAddrUnix() const;
-    sockaddr_un* getSockAddrUnix();
+    const sockaddr_in* getSockAddr4() const { return &mInet; }
+    sockaddr_in* getSockAddr4() { return &mInet; }
+    const sockaddr_in6* getSockAddr6() const { return &mInet6; }
+    sockaddr_in6* getSockAddr6() { return &mInet6; }
+    const sockaddr_un* getSockAddrUnix() const { return &mUnix; }
+    sockaddr_un* getSockAddrUnix() { return &mUnix; }
 
     /// The path, empty if this is no Unix address.
     std::string getUnixPath() const;
@@ -95,7 +95,12 @@ public:
     static bool removeUnixSocketFile(const std::string& path);
 
 private:
-    sockaddr_storage mStorage;
+    union {
+        sockaddr_storage mStorage;
+        sockaddr_in mInet;
+        sockaddr_in6 mInet6;
+        sockaddr_un mUnix;
+    };
 };
 
 static_assert(sizeof(InetAddress) == 128, "copied as plain data");

@@ -99,9 +99,10 @@ protected:
     /// line and errno EINVAL (invalid) or EAFNOSUPPORT (another family).
     bool checkAddressFamily(const InetAddress& addr, const char* what) const;
 
+    bool setIntOption(int level, int name, int value);
+
 private:
     void adopt(Socket& other) noexcept;
-    bool setIntOption(int level, int name, int value);
     int getIntOption(int level, int name) const;
     bool setTimeoutOption(int name, int timeoutMs);
 

@@ -26,6 +26,7 @@ public:
     bool leaveMulticastGroup(const InetAddress& group, const InetAddress* interface);
 
 private:
+    bool setMulticastOption(int option4, int option6, int value);
     bool changeMembership(const InetAddress& group, const InetAddress* interface, int option4,
                           int option6);
 };
