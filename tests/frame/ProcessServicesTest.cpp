@@ -8,11 +8,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "frame/base/UniqueFd.h"
 #include "tests/support/TestName.h"
@@ -35,9 +35,9 @@ TEST(SystemCallTest, CommandInheritsNoDescriptor) {
     UniqueFd low(open("/dev/null", O_RDONLY));  // not close-on-exec
     UniqueFd high(fcntl(low.get(), F_DUPFD, 1000));
     ASSERT_TRUE(low.valid() && high.valid());
-    const std::string helper = std::string(canonicalize_file_name("/proc/self/exe"));
-    const std::string command =
-        helper.substr(0, helper.rfind('/')) + "/ProcessServicesHelper > " + output;
+    const auto helper =
+        std::filesystem::read_symlink("/proc/self/exe").parent_path() / "ProcessServicesHelper";
+    const std::string command = helper.string() + " > " + output;
     EXPECT_EQ(systemCall(command.c_str()), 0);
     std::ostringstream inherited;
     inherited << std::ifstream(output).rdbuf();
