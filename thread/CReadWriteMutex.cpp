@@ -36,11 +36,6 @@ bool initLock(pthread_rwlock_t* lock, int priority) {
 
 }  // namespace
 
-struct CReadWriteMutex::RWMutexInternal {
-    int priority;
-    pthread_rwlock_t* lock;
-};
-
 CReadWriteMutex::CReadWriteMutex() : CReadWriteMutex(kReadWriteDefault) {}
 
 CReadWriteMutex::CReadWriteMutex(RW_PRIORITY priority)
@@ -56,26 +51,17 @@ CReadWriteMutex::~CReadWriteMutex() {
     delete mInternal;
 }
 
-bool CReadWriteMutex::enterReading() {
-    const int error = pthread_rwlock_rdlock(mInternal->lock);
-    if (error != 0) [[unlikely]] {
-        ORBEL_LOG_WARN(" pthread_rwlock_rdlock called failed for :%s\n", std::strerror(error));
-    }
-    return error == 0;
+bool CReadWriteMutex::readingFailed(int error) {
+    ORBEL_LOG_WARN(" pthread_rwlock_rdlock called failed for :%s\n", std::strerror(error));
+    return false;
 }
 
-bool CReadWriteMutex::enterWriting() {
-    const int error = pthread_rwlock_wrlock(mInternal->lock);
-    if (error != 0) [[unlikely]] {
-        ORBEL_LOG_WARN(" pthread_rwlock_wrlock called failed for :%s\n", std::strerror(error));
-    }
-    return error == 0;
+bool CReadWriteMutex::writingFailed(int error) {
+    ORBEL_LOG_WARN(" pthread_rwlock_wrlock called failed for :%s\n", std::strerror(error));
+    return false;
 }
 
-bool CReadWriteMutex::leave() {
-    if (pthread_rwlock_unlock(mInternal->lock) == 0) [[likely]] {
-        return true;
-    }
+bool CReadWriteMutex::leaveFailed() {
     const bool known = isKnownLeaveError();
     ORBEL_REQUIRE(!known, "release rw lock failed,errno:,reason %s\n", std::strerror(errno));
     return true;

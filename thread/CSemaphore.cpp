@@ -18,7 +18,7 @@ public:
     ~Internal();
 
     /// Waits for a unit, until `deadline` if there is one; takes one or all. The new count or -1.
-    int32_t take(const timespec* deadline, bool all);
+    [[gnu::always_inline]] int32_t take(const timespec* deadline, bool all);
 
     /// take() until `timeoutNs` from now.
     int32_t takeWithin(uint64_t timeoutNs, bool all);
@@ -26,16 +26,17 @@ public:
     bool lock() { return pthread_mutex_lock(&mMutex) == 0; }
     bool unlock() { return pthread_mutex_unlock(&mMutex) == 0; }
 
-    pthread_condattr_t mAttribute;
+    /// The mutex is held. Tries a wake-up that failed with `error` again; the last error.
+    [[gnu::noinline]] int signalAgain(int error, int32_t retries);
+
     pthread_mutex_t mMutex;
     pthread_cond_t mCondition;
+    pthread_condattr_t mAttribute;
     int mCount;
 
 private:
-    int wait(const timespec* deadline) {
-        return deadline == nullptr ? pthread_cond_wait(&mCondition, &mMutex)
-                                   : pthread_cond_timedwait(&mCondition, &mMutex, deadline);
-    }
+    /// The mutex is held. Apart from take(), whose usual way is shorter without it.
+    [[gnu::noinline]] bool waitForUnit(const timespec* deadline);
 };
 
 namespace {
@@ -70,20 +71,26 @@ CSemaphore::Internal::~Internal() {
     pthread_condattr_destroy(&mAttribute);
 }
 
-int32_t CSemaphore::Internal::take(const timespec* deadline, bool all) {
+inline int32_t CSemaphore::Internal::take(const timespec* deadline, bool all) {
     if (!lock()) {
         return -1;
     }
-    while (mCount == 0) {
-        // A unit that came in the moment of the time-out is still taken.
-        if (wait(deadline) != 0 && mCount == 0) {
-            unlock();
-            return -1;
-        }
+    if (mCount == 0 && !waitForUnit(deadline)) {
+        unlock();
+        return -1;
     }
     mCount = all ? 0 : mCount - 1;
     const int32_t left = mCount;
     return unlock() ? left : -1;
+}
+
+bool CSemaphore::Internal::waitForUnit(const timespec* deadline) {
+    int error = 0;
+    while (mCount == 0 && error == 0) {
+        error = deadline == nullptr ? pthread_cond_wait(&mCondition, &mMutex)
+                                    : pthread_cond_timedwait(&mCondition, &mMutex, deadline);
+    }
+    return mCount != 0;  // one that came in the moment of the time-out is taken, too
 }
 
 int32_t CSemaphore::Internal::takeWithin(uint64_t timeoutNs, bool all) {
@@ -93,6 +100,17 @@ int32_t CSemaphore::Internal::takeWithin(uint64_t timeoutNs, bool all) {
         return -1;
     }
     return take(&deadline, all);
+}
+
+int CSemaphore::Internal::signalAgain(int error, int32_t retries) {
+    for (int32_t i = 0; error != 0 && i < retries; ++i) {
+        error = pthread_cond_signal(&mCondition);
+    }
+    if (error != 0) {
+        ORBEL_LOG_WARN(" post pthread_cond_signal failed: errno=%d (%s)\n", error,
+                       std::strerror(error));
+    }
+    return error;
 }
 
 CSemaphore::CSemaphore(int32_t initialCount) : mInternal(new Internal(initialCount)) {}
@@ -132,14 +150,10 @@ int32_t CSemaphore::post(int32_t retries) {
         return -1;
     }
     int error = pthread_cond_signal(&self.mCondition);
-    for (int32_t i = 0; error != 0 && i < retries; ++i) {
-        error = pthread_cond_signal(&self.mCondition);
+    if (error != 0) [[unlikely]] {
+        error = self.signalAgain(error, retries);
     }
     const int32_t count = ++self.mCount;  // exactly one, whatever the argument is
-    if (error != 0) [[unlikely]] {
-        ORBEL_LOG_WARN(" post pthread_cond_signal failed: errno=%d (%s)\n", error,
-                       std::strerror(error));
-    }
     return self.unlock() && error == 0 ? count : -1;
 }
 

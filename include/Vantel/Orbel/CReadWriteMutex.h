@@ -25,18 +25,31 @@ public:
     ~CReadWriteMutex();
 
     /// Waits until no writer is inside. False, with a warning, if the system refuses.
-    bool enterReading();
+    bool enterReading() {
+        const int error = pthread_rwlock_rdlock(mInternal->lock);
+        return error == 0 || readingFailed(error);
+    }
 
     /// Waits until nobody is inside. False, with a warning, if the system refuses, as it does for
     /// a thread that is inside as a writer.
-    bool enterWriting();
+    bool enterWriting() {
+        const int error = pthread_rwlock_wrlock(mInternal->lock);
+        return error == 0 || writingFailed(error);
+    }
 
     /// Leaves, as a reader or as the writer. A refusal counts as success, unless errno happens to
     /// hold EPERM, EINTR or EINVAL, which ends the program (fatal line and assertion).
-    bool leave();
+    bool leave() { return pthread_rwlock_unlock(mInternal->lock) == 0 || leaveFailed(); }
 
 private:
-    struct RWMutexInternal;
+    struct RWMutexInternal {
+        int priority;
+        pthread_rwlock_t* lock;
+    };
+
+    static bool readingFailed(int error);
+    static bool writingFailed(int error);
+    static bool leaveFailed();
 
     RWMutexInternal* mInternal;
 };
