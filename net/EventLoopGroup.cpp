@@ -17,6 +17,7 @@ void stopAll(ThreadList threads) {
     for (const auto& thread : threads) {
         thread->stop();
     }
+    threads.clear();  // all have ended before the first goes
 }
 
 }  // namespace
