@@ -7,17 +7,14 @@
 #include <string>
 
 #include "Vantel/Export.h"
+#include "Vantel/Orbel/StreamConnection.h"
 
 namespace Vantel::Orbel {
 
 class EventLoop;
 class InetAddress;
-class NetBuffer;
-class StreamConnection;
 class StreamSocket;
 class StreamTransport;
-
-using StreamConnectionPtr = std::shared_ptr<StreamConnection>;
 
 /// Keeps one outgoing connection, TCP or Unix, and makes it anew if asked to. Its connections are
 /// called "<name>:<address>#<n>", with n counting from 1.
@@ -64,15 +61,13 @@ public:
     StreamConnectionPtr connection() const;
 
     /// See StreamConnection for what each callback means.
-    void setConnectionCallback(const std::function<void(const StreamConnectionPtr&)>& callback);
-    void setMessageCallback(
-        const std::function<void(const StreamConnectionPtr&, NetBuffer*)>& callback);
-    void setReadableCallback(const std::function<void(const StreamConnectionPtr&)>& callback);
-    void setWritableCallback(const std::function<void(const StreamConnectionPtr&)>& callback);
-    void setWriteCompleteCallback(const std::function<void(const StreamConnectionPtr&)>& callback);
-    void setErrorCallback(
-        const std::function<void(const StreamConnectionPtr&, int error)>& callback);
-    void setCloseCallback(const std::function<void(const StreamConnectionPtr&)>& callback);
+    void setConnectionCallback(const StreamConnectionCallback& callback);
+    void setMessageCallback(const StreamMessageCallback& callback);
+    void setReadableCallback(const StreamConnectionCallback& callback);
+    void setWritableCallback(const StreamConnectionCallback& callback);
+    void setWriteCompleteCallback(const StreamConnectionCallback& callback);
+    void setErrorCallback(const StreamErrorCallback& callback);
+    void setCloseCallback(const StreamConnectionCallback& callback);
 
     /// Makes the transport of each connection from its connected socket, for instance an encrypted
     /// one. A null result, with errno, loses that connection. Without a factory it is a plain one.
@@ -90,7 +85,6 @@ public:
     /// The address last connected to, invalid before.
     InetAddress serverAddr() const;
 
-protected:
     /// Whether connect() takes this address: here any IPv4, IPv6 or Unix address.
     virtual bool checkServerAddress(const InetAddress& addr) const;
 

@@ -7,18 +7,15 @@
 
 #include "Vantel/Export.h"
 #include "Vantel/Orbel/EventLoopThread.h"  // ThreadInitCallback
+#include "Vantel/Orbel/StreamConnection.h"
 
 namespace Vantel::Orbel {
 
 class EventLoop;
 class EventLoopGroup;
 class InetAddress;
-class NetBuffer;
-class StreamConnection;
 class StreamSocket;
 class StreamTransport;
-
-using StreamConnectionPtr = std::shared_ptr<StreamConnection>;
 
 /// Listens on one address, TCP or Unix, in its base loop, and spreads the accepted connections over
 /// the loops of a group, in turn. Its connections are called "<name>-#<n>", with n counting from 1.
@@ -79,15 +76,13 @@ public:
     void setMaxOutputBufferSize(size_t sizeBytes);
 
     /// See StreamConnection for what each callback means.
-    void setConnectionCallback(const std::function<void(const StreamConnectionPtr&)>& callback);
-    void setMessageCallback(
-        const std::function<void(const StreamConnectionPtr&, NetBuffer*)>& callback);
-    void setReadableCallback(const std::function<void(const StreamConnectionPtr&)>& callback);
-    void setWritableCallback(const std::function<void(const StreamConnectionPtr&)>& callback);
-    void setWriteCompleteCallback(const std::function<void(const StreamConnectionPtr&)>& callback);
-    void setErrorCallback(
-        const std::function<void(const StreamConnectionPtr&, int error)>& callback);
-    void setCloseCallback(const std::function<void(const StreamConnectionPtr&)>& callback);
+    void setConnectionCallback(const StreamConnectionCallback& callback);
+    void setMessageCallback(const StreamMessageCallback& callback);
+    void setReadableCallback(const StreamConnectionCallback& callback);
+    void setWritableCallback(const StreamConnectionCallback& callback);
+    void setWriteCompleteCallback(const StreamConnectionCallback& callback);
+    void setErrorCallback(const StreamErrorCallback& callback);
+    void setCloseCallback(const StreamConnectionCallback& callback);
 
     bool started() const;
     const std::string& name() const;
@@ -97,7 +92,6 @@ public:
     /// Falls once the base loop has heard of a close.
     size_t connectionCount() const;
 
-protected:
     /// Whether initial() takes this address: here any IPv4, IPv6 or Unix address.
     virtual bool checkListenAddress(const InetAddress& addr) const;
 

@@ -19,7 +19,6 @@ public:
     /// no address of the wanted family.
     bool connect(const std::string& host, uint16_t port, int32_t timeoutMs, bool ipv6);
 
-protected:
     bool checkServerAddress(const InetAddress& addr) const override;
 };
 

@@ -14,7 +14,6 @@ public:
     TcpServer(EventLoop* loop, const std::string& name, EventLoopGroup* group);
     ~TcpServer() override;
 
-protected:
     bool checkListenAddress(const InetAddress& addr) const override;
 };
 

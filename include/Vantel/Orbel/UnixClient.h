@@ -13,7 +13,6 @@ public:
     UnixClient(EventLoop* loop, const std::string& name);
     ~UnixClient() override;
 
-protected:
     bool checkServerAddress(const InetAddress& addr) const override;
 };
 

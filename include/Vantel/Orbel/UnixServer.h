@@ -14,7 +14,6 @@ public:
     UnixServer(EventLoop* loop, const std::string& name, EventLoopGroup* group);
     ~UnixServer() override;
 
-protected:
     bool checkListenAddress(const InetAddress& addr) const override;
 };
 
