@@ -58,6 +58,8 @@ foreach(directory examples tools)
     file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${directory}/*.cpp)
     foreach(source IN LISTS sources)
         orbel_program(${source} ${directory} ${library})
+        get_filename_component(name ${source} NAME_WE)
+        add_dependencies(helpers ${name})  # tests run these too
     endforeach()
 endforeach()
 
