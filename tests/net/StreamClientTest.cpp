@@ -1,0 +1,288 @@
+#include "Vantel/Orbel/StreamClient.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "StreamTestSupport.h"
+#include "Vantel/Orbel/NetBuffer.h"
+#include "Vantel/Orbel/StreamConnection.h"
+#include "Vantel/Orbel/StreamSocket.h"
+#include "Vantel/Orbel/StreamTransport.h"
+#include "Vantel/Orbel/TcpClient.h"
+#include "Vantel/Orbel/UnixClient.h"
+#include "tests/support/HelperProcess.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/WaitFor.h"
+
+using namespace OrbelTest;
+using namespace Vantel::Orbel;
+
+namespace {
+
+/// A client called "chat" on a loop thread that is not the test's, and a listener for it.
+class StreamClientTest : public testing::TestWithParam<Family> {
+protected:
+    StreamClientTest() { mClient = make(); }
+
+    std::unique_ptr<StreamClient> make() {
+        std::unique_ptr<StreamClient> client;
+        if (GetParam() == Family::Tcp) {
+            client = std::make_unique<TcpClient>(mLoop.get(), "chat");
+        } else {
+            client = std::make_unique<UnixClient>(mLoop.get(), "chat");
+        }
+        client->setConnectionCallback([this](const StreamConnectionPtr& connection) {
+            std::lock_guard<std::mutex> guard(mMutex);
+            mNames.push_back(connection->name());
+        });
+        client->setMessageCallback(
+            [](const StreamConnectionPtr&, NetBuffer* input) { input->consume(input->size()); });
+        client->setCloseCallback([this](const StreamConnectionPtr&) { ++mClosed; });
+        return client;
+    }
+    bool connect() { return mClient->connect(mListener.addr(), 1000); }
+    bool connections(size_t wanted) {
+        return waitFor([&] {
+            std::lock_guard<std::mutex> guard(mMutex);
+            return mNames.size() == wanted;
+        });
+    }
+    bool forgotten() {
+        return waitFor([&] { return mClient->connection() == nullptr; });
+    }
+
+    LogCapture mLog;
+    PeerListener mListener{freshAddress(GetParam())};
+    LoopThread mLoop;
+    std::mutex mMutex;
+    std::vector<std::string> mNames;
+    std::atomic<int> mClosed{0};
+    std::unique_ptr<StreamClient> mClient;
+};
+
+TEST_P(StreamClientTest, ConnectsOnceAtATimeAndNamesItsConnections) {
+    const Family other = GetParam() == Family::Tcp ? Family::Unix : Family::Tcp;
+    EXPECT_FALSE(mClient->connect(freshAddress(other), 100));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(mLog.has("]StreamClient::connect failed: invalid server address " +
+                         std::string(other == Family::Tcp ? "127.0.0.1:0" : "unix:")));
+    for (size_t i = 1; i <= 2; ++i) {
+        ASSERT_TRUE(connect());
+        ASSERT_TRUE(connections(i));
+        EXPECT_EQ(mNames[i - 1], "chat:" + mListener.addr().toString() + "#" + std::to_string(i));
+        EXPECT_FALSE(connect());
+        EXPECT_EQ(errno, EISCONN);
+        Peer peer = mListener.accept();
+        EXPECT_EQ(mClient->connection()->send("hi", 2), 2);
+        EXPECT_EQ(peer.receive(2), "hi");
+        peer.close();
+        EXPECT_TRUE(forgotten());
+        EXPECT_EQ(mClosed, static_cast<int>(i));
+    }
+    EXPECT_TRUE(connections(2)) << "reconnected without being asked to";
+}
+
+/// What is queued still arrives, and a peer that closes is not waited for.
+TEST_P(StreamClientTest, DisconnectSendsTheRestAndEndsWithThePeer) {
+    ASSERT_TRUE(connect());
+    Peer peer = mListener.accept();
+    ASSERT_TRUE(connections(1));
+    mClient->enableRetry();
+    const std::string large(1 << 20, 'x');
+    EXPECT_EQ(mClient->connection()->send(large), static_cast<ssize_t>(large.size()));
+    mClient->disconnect();
+    EXPECT_EQ(peer.receive(large.size()), large);
+    EXPECT_TRUE(peer.ended());
+    peer.close();
+    EXPECT_TRUE(forgotten());
+    EXPECT_EQ(mClosed, 1);
+    EXPECT_FALSE(mLog.has("StreamClient::disconnect timeout"));
+    EXPECT_TRUE(connections(1)) << "nobody wanted it back";
+    mClient->disconnect();
+    EXPECT_TRUE(connect()) << "fit for another connection";
+    EXPECT_TRUE(connections(2));
+}
+
+TEST_P(StreamClientTest, DisconnectGivesAPeerThatIgnoresItASecond) {
+    ASSERT_TRUE(connect());
+    Peer peer = mListener.accept();
+    ASSERT_TRUE(connections(1));
+    const std::string name = mClient->connection()->name();
+    mClient->disconnect();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const auto again = std::chrono::steady_clock::now();
+    mClient->disconnect();
+    EXPECT_TRUE(forgotten());
+    EXPECT_GE(std::chrono::steady_clock::now() - again, std::chrono::milliseconds(990))
+        << "the second call starts the second anew";
+    EXPECT_EQ(
+        mLog.count("] StreamClient::disconnect timeout for " + name + ", force closing connection"),
+        1);
+    EXPECT_EQ(mClosed, 1);
+}
+
+/// The server is a process that is killed, twice; the client finds each successor by itself.
+TEST_P(StreamClientTest, RetryOutlivesServers) {
+    const InetAddress addr = [&] {
+        return GetParam() == Family::Unix ? freshAddress(Family::Unix)
+                                          : PeerListener(freshAddress(Family::Tcp)).addr();
+    }();
+    EXPECT_FALSE(mClient->retry());
+    mClient->enableRetry();
+    mClient->connect(addr, 1000);
+    for (size_t i = 1; i <= 3; ++i) {
+        HelperProcess server("StreamPeerHelper", {"serve", addr.toString()});
+        ASSERT_TRUE(server.waitForLine("ready"));
+        ASSERT_TRUE(connections(i));
+        server.killAndReap();
+        EXPECT_TRUE(waitFor([&] { return mClosed == static_cast<int>(i); }));
+    }
+    EXPECT_TRUE(waitFor([&] { return mLog.has("StreamConnector::retry - Retry connecting"); }));
+    mClient->stop();
+    EXPECT_FALSE(mClient->retry());
+    const int tries = mLog.count("Retry connecting");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1200));
+    EXPECT_EQ(mLog.count("Retry connecting"), tries) << "tries on after stop()";
+    if (addr.family() == AF_UNIX) {
+        ::unlink(addr.getUnixPath().c_str());
+    }
+}
+
+TEST_P(StreamClientTest, StopDropsTheConnectionSilentlyAndForGood) {
+    mClient->enableRetry();
+    for (const bool inLoop : {false, true}) {
+        SCOPED_TRACE(inLoop);
+        ASSERT_TRUE(connect());
+        Peer peer = mListener.accept();
+        ASSERT_TRUE(waitFor([&] { return mClient->connection() != nullptr; }));
+        if (inLoop) {
+            mLoop.run([&] { mClient->stop(); });
+        } else {
+            mClient->stop();
+        }
+        EXPECT_FALSE(mClient->connection());
+        EXPECT_TRUE(peer.ended());
+    }
+    EXPECT_EQ(mClosed, 0);
+    EXPECT_TRUE(connections(2));
+}
+
+/// Each callback stops, disconnects or destroys its own client while a retry would be due.
+TEST_P(StreamClientTest, EndFromEachCallback) {
+    const size_t before = openDescriptors();
+    for (const std::string place : {"setup", "connection", "message", "close"}) {
+        for (const std::string way : {"disconnect", "stop", "destroy"}) {
+            SCOPED_TRACE(place + ", " + way);
+            mClient = make();
+            std::atomic<bool> done{false};
+            const auto at = [&](const std::string& here) {
+                if (here != place || done) {
+                    return;
+                }
+                if (way == "disconnect") {
+                    mClient->disconnect();
+                } else if (way == "stop") {
+                    mClient->stop();
+                } else {
+                    mClient.reset();
+                }
+                done = true;
+            };
+            mClient->setSocketSetupCallback([&](StreamSocket*) {
+                at("setup");
+                return true;
+            });
+            mClient->setConnectionCallback([&](const StreamConnectionPtr&) { at("connection"); });
+            mClient->setMessageCallback([&](const StreamConnectionPtr&, NetBuffer* input) {
+                input->consume(input->size());
+                at("message");
+            });
+            mClient->setCloseCallback([&](const StreamConnectionPtr&) { at("close"); });
+            mClient->enableRetry();
+            mLoop.run([&] { connect(); });
+            if (place != "setup") {
+                Peer peer = mListener.accept();
+                if (place != "connection") {
+                    peer.send("ping");
+                }
+                if (place == "close") {
+                    peer.close();
+                }
+                EXPECT_TRUE(waitFor([&] { return done.load(); }));
+                if (place != "close") {
+                    EXPECT_TRUE(peer.ended());
+                }
+            }
+            EXPECT_TRUE(done);
+            EXPECT_TRUE(!mClient || forgotten());
+        }
+    }
+    mClient.reset();
+    EXPECT_TRUE(waitFor([&] { return openDescriptors() == before; }))
+        << before << " before, now " << openDescriptors();
+}
+
+TEST_P(StreamClientTest, RefusedTransportIsReportedAndLeavesTheClientIdle) {
+    mClient->setTransportFactory([](std::unique_ptr<StreamSocket>) { return nullptr; });
+    ASSERT_TRUE(connect());
+    Peer peer = mListener.accept();
+    EXPECT_TRUE(peer.ended());
+    EXPECT_TRUE(waitFor(
+        [&] { return mLog.has("]StreamClient::newConnection transport creation failed for "); }));
+    EXPECT_FALSE(mClient->connection());
+    mLoop.run([&] { mClient->setTransportFactory({}); });
+    EXPECT_TRUE(connect());
+    EXPECT_TRUE(connections(1));
+}
+
+INSTANTIATE_TEST_SUITE_P(Families, StreamClientTest, testing::Values(Family::Tcp, Family::Unix),
+                         [](const auto& i) { return i.param == Family::Tcp ? "Tcp" : "Unix"; });
+
+/// The wait of connect() is bounded, and its task stays queued; the other calls say why they did
+/// nothing; destruction leaves the connection to its loop.
+TEST(StreamClientLoopTest, CallsBesideALoopThatDoesNotRun) {
+    LogCapture log;
+    const size_t before = openDescriptors();
+    {
+        PeerListener listener(freshAddress(Family::Tcp));
+        EventLoop loop;
+        auto client = std::make_unique<TcpClient>(&loop, "chat");
+        client->setConnectionCallback([&](const StreamConnectionPtr&) { loop.quit(); });
+        std::thread([&] {
+            EXPECT_FALSE(client->connect(listener.addr(), 0));
+            EXPECT_EQ(errno, ETIMEDOUT);
+        }).join();
+        loop.loop();
+        ASSERT_TRUE(client->connection());
+        std::thread([&] {
+            errno = 0;
+            client->disconnect();
+            EXPECT_EQ(errno, ESHUTDOWN);
+            client->stop();
+            client.reset();
+        }).join();
+        EXPECT_EQ(log.count("] StreamClient::stop ignored for chat: event loop is not running"), 1);
+        EXPECT_EQ(log.count("] StreamClient::~StreamClient skipped loop cleanup for chat: event "
+                            "loop is not running"),
+                  1);
+    }
+    EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(StreamClientLoopTest, TcpClientResolvesItsHost) {
+    PeerListener listener(freshAddress(Family::Tcp));
+    LoopThread loop;
+    TcpClient client(loop.get(), "chat");
+    EXPECT_FALSE(client.connect("", listener.addr().toPort(), 100, false));
+    EXPECT_TRUE(client.connect("127.0.0.1", listener.addr().toPort(), 1000, false));
+    EXPECT_TRUE(waitFor([&] { return client.connection() != nullptr; }));
+}
+
+}  // namespace
