@@ -1,8 +1,5 @@
-#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <cerrno>
 
 #include "Vantel/Orbel/ProcessServices.h"
 #include "frame/base/Log.h"

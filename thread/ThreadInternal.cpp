@@ -3,9 +3,6 @@
 #include <sched.h>
 #include <sys/resource.h>
 
-#include <algorithm>
-#include <cinttypes>
-
 #include "Vantel/Orbel/CThread.h"
 #include "Vantel/Orbel/CTime.h"
 #include "frame/base/CopyName.h"

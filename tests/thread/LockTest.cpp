@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "Vantel/ILogger.h"
 #include "Vantel/Orbel/CCondMutex.h"
 #include "Vantel/Orbel/CMutex.h"
 #include "Vantel/Orbel/CProcessMutex.h"
@@ -154,7 +155,13 @@ TEST(LockDeathTest, SetUpAndTearDown) {
         },
         "Assertion");
     EXPECT_DEATH(CProcessMutex(static_cast<const char*>(nullptr)), "Assertion");
-    EXPECT_DEATH(CProcessMutex(""), "Assertion");
+    EXPECT_DEATH(
+        {
+            Vantel::ILogger::instance()->init("test", 4096);  // only in the child
+            Vantel::ILogger::instance()->setOutput(1);
+            CProcessMutex lock("");
+        },
+        "fatal.*CProcessMutex semget name invalid");
 }
 
 TEST(CCondMutexTest, ConditionDoesNothing) {
