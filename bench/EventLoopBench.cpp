@@ -2,6 +2,7 @@
 // std::vector of std::function under a std::mutex, with one eventfd write per wake-up.
 
 #include <benchmark/benchmark.h>
+#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -95,6 +96,34 @@ private:
 
 constexpr int kTasks = 100000;
 
+/// Binds the calling thread, and those it starts, to one processor; the destructor frees it again.
+/// Without this the scheduler's choice, the same core or two, decides the figures.
+class Pinned {
+public:
+    explicit Pinned(int cpu) {
+        sched_getaffinity(0, sizeof mBefore, &mBefore);
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(cpu, &set);
+        sched_setaffinity(0, sizeof set, &set);  // refused where there is no such processor
+    }
+    Pinned(const Pinned&) = delete;
+    Pinned& operator=(const Pinned&) = delete;
+    ~Pinned() { sched_setaffinity(0, sizeof mBefore, &mBefore); }
+
+private:
+    cpu_set_t mBefore;
+};
+
+constexpr int kPosterCpu = 0;
+constexpr int kLoopCpu = 1;
+
+template <class Loop>
+std::unique_ptr<Loop> loopOnItsCpu() {
+    const Pinned there(kLoopCpu);
+    return std::make_unique<Loop>();
+}
+
 /// Nanoseconds for kTasks tasks of `producers` threads, from the first post to the last run; -1 if
 /// a task got lost.
 template <class Loop>
@@ -152,17 +181,19 @@ double median(std::vector<double>& values) {
     return values[values.size() / 2];
 }
 
-/// Both by turns, so that whatever else the machine does hits both. The counters are medians;
-/// `speed` is how fast the loop is as a multiple of the plain one.
+/// One core for the loop, one for those who post. Both loops by turns, so that whatever else the
+/// machine does hits both. The counters are medians; `speed` is how fast the loop is as a multiple
+/// of the plain one.
 template <class Measure>
 void besidePlain(benchmark::State& state, Measure measure, double perRun) {
-    PlainLoop plain;
-    OrbelLoop orbel;
+    const auto plain = loopOnItsCpu<PlainLoop>();
+    const auto orbel = loopOnItsCpu<OrbelLoop>();
+    const Pinned here(kPosterCpu);
     std::vector<double> plainNs;
     std::vector<double> orbelNs;
     for (auto _ : state) {
-        plainNs.push_back(measure(plain));
-        orbelNs.push_back(measure(orbel));
+        plainNs.push_back(measure(*plain));
+        orbelNs.push_back(measure(*orbel));
         if (plainNs.back() < 0 || orbelNs.back() < 0) {
             state.SkipWithError("lost a task");
             return;

@@ -3,10 +3,10 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <utility>
 #include <vector>
 
-#include "Vantel/Orbel/CMutex.h"
 #include "Vantel/Orbel/EventFd.h"
 #include "Vantel/Orbel/EventLoop.h"
 #include "Vantel/Orbel/Poller.h"
@@ -51,6 +51,7 @@ public:
     /// False, with nothing queued, if `onlyIfRunning` and the loop would not come to it by itself.
     bool addCleanup(TaskFunction&& cleanup, bool onlyIfRunning);
     size_t pendingTaskCount();
+    uint64_t totalTasksQueued();
     void resetTaskStatistics();
 
     // Three groups of fields on cache lines of their own: a poster must not fetch, for each task,
@@ -71,15 +72,16 @@ public:
     std::atomic<uint32_t> mWakers{0};
     const uint32_t mThreadId;
 
-    // Under mMutex.
-    alignas(kCacheLine) CMutex mMutex;
+    // Under mMutex. Lock and queue fill one line, the only one beside its task that a post writes:
+    // so the mutex is one that lies in place.
+    alignas(kCacheLine) std::mutex mMutex;
     std::vector<Task> mPendingTasks;  ///< in the order of queueing
     bool mNeedSort = false;
     bool mMustWake = true;       ///< else the loop looks at the queue before it sleeps
     bool mTakesCleanup = false;  ///< from the start of loop() until its last look at the queue
     size_t mMustRunCount = 0;    ///< how many of mPendingTasks must run
-    std::atomic<uint64_t> mTotalTasksQueued{0};  ///< read without it
-    std::atomic<uint64_t> mExecutedBase{0};      ///< read without it
+    uint64_t mTakenTasks = 0;    ///< queued since the last reset, without mPendingTasks; may wrap
+    std::atomic<uint64_t> mExecutedBase{0};  ///< read without it
 
     // Written by the loop thread.
     /// A reset only moves mExecutedBase, so that neither an increment nor a reset gets lost.
@@ -98,6 +100,7 @@ private:
     void updateStatistics(size_t activeCount) { mTotalEvents += activeCount; }
     void doPendingFunctors();
     void appendTask(TaskFunction&& task, TaskPriority priority, bool first, bool mustRun);
+    std::unique_lock<std::mutex> lockToTake();
     bool enlistWaker();
     void wakeupForTask();
     void runGuarded(const TaskFunction& task);
@@ -107,6 +110,7 @@ private:
     /// Runs the clean-up and destroys the rest, until nothing is queued.
     void dropTasks();
 
+    size_t mLastBatchSize = 0;
     std::vector<Task> mRunningTasks;  ///< the batch at work; kept for its capacity
 };
 

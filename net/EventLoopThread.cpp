@@ -156,9 +156,15 @@ EventLoopThread::EventLoopThread(const ThreadInitCallback& callback, const std::
 
 EventLoopThread::~EventLoopThread() {
     stop();
-    if (mInternal->inOwnThread()) {
-        // The thread cannot wait for its own end, and uses mInternal up to it: somebody else waits.
-        std::thread([internal = std::move(mInternal)]() mutable { internal.reset(); }).detach();
+    if (!mInternal->inOwnThread()) {
+        return;
+    }
+    // The thread cannot wait for its own end, and uses mInternal up to it: somebody else waits.
+    Internal* const internal = mInternal.release();
+    try {
+        std::thread([internal] { const std::unique_ptr<Internal> owner(internal); }).detach();
+    } catch (const std::exception&) {
+        // Leaked on purpose: there is no thread to be had, and waiting here would be for ever.
     }
 }
 
