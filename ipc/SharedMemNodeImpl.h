@@ -79,6 +79,8 @@ private:
     /// The slot is still this node's.
     bool ownsEntry() const { return entry().nodeId.load() == mNodeId; }
     bool startServer(EventLoop* loop, const std::string& path);
+    /// closeServer() for a caller that holds the loop.
+    void stopServer();
     void onReadable(const std::shared_ptr<StreamConnection>& connection);
     void handleOne(const PipeMessage& message);
     template <class Impl>
