@@ -12,8 +12,8 @@
 namespace Vantel::Orbel {
 
 struct PipeMessage;
+class SharedMemBuffer;
 class SharedMemNodeImpl;
-class SharedMemReaderBuffer;
 
 /// The reading end of a channel.
 ///
@@ -40,11 +40,13 @@ public:
     /// Calls the callback with `buffer`, outside the lock; nothing if the channel is closed.
     void dispatchBuffer(std::shared_ptr<SharedMemBuffer> buffer);
 
-    /// The last reader of a block is done: reports it to the writer.
-    void finishBlock(BlockHeader* header, unsigned long sequence);
-
 private:
-    bool deliver(std::shared_ptr<SharedMemBuffer> buffer, SharedDomainImpl& domain);
+    /// The index in the block's readers under which this node may claim it; -1, with a line in the
+    /// log, if the message is not about this incarnation or not for this node.
+    int findReader(const BlockHeader& header, const PipeMessage& message) const;
+    /// Hands the sample to the callback, here or through the worker.
+    void deliver(std::shared_ptr<SharedMemBuffer> buffer, SharedDomainImpl& domain);
+    std::shared_ptr<const std::function<Callback>> callback();
 
     std::atomic<bool> mSyncMode{false};
     std::mutex mCallbackMutex;  ///< over mOpened (writes) and mReadCallback

@@ -66,7 +66,24 @@ public:
     void checkReadyBuffer(BlockHeader* header, std::shared_ptr<SharedDomainImpl> domain);
 
 private:
-    std::mutex mCallbackMutex;
+    std::shared_ptr<SharedMemBuffer> wrap(const SharedMemPool& pool, BlockHeader* header,
+                                          void* data, unsigned int size, unsigned int extraSize,
+                                          bool held);
+
+    static bool isWriting(const SharedMemWriterBuffer& sample, const StateWord& word);
+    static bool refuseCommit(const BlockHeader& header, const StateWord& word);
+    /// Enters the readers of this moment in the block, without gaps, zeros behind; their number.
+    unsigned int copyReaders(BlockStatus& block) const;
+    /// Makes a block whose masks and holds are complete ready; `word` is what it was found with.
+    bool publish(SharedMemWriterBuffer& sample, SharedMemPool& pool, StateWord word);
+    /// Nobody could be told: the block is the writer's again, as before the commit.
+    void takeBack(SharedMemWriterBuffer& sample, SharedMemPool& pool);
+
+    void runReleaseCallback(BlockHeader& header, unsigned char* data);
+    /// What the pool would do: the domain was left, but the block lives on in the segment.
+    static void freeByHand(BlockHeader& header, unsigned long sequence);
+
+    std::mutex mCallbackMutex;  ///< over mReleaseCallback
     std::shared_ptr<const std::function<ReleaseCallback>> mReleaseCallback;
 };
 

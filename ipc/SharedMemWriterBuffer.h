@@ -2,6 +2,7 @@
 
 #include <memory>
 
+#include "ipc/SegmentLayout.h"
 #include "ipc/SharedMemBaseBuffer.h"
 
 namespace Vantel::Orbel {
@@ -9,7 +10,7 @@ namespace Vantel::Orbel {
 class SharedMemWriteChannelImpl;
 
 /// A handle on a block in its writer's hands: one of the holds that `writeRef` counts.
-class SharedMemWriterBuffer : public SharedMemBaseBuffer {
+class SharedMemWriterBuffer final : public SharedMemBaseBuffer {
 public:
     /// Without `held` adds 1 to `writeRef`; with it, the caller has done so.
     SharedMemWriterBuffer(unsigned long channelId, BlockHeader* header, void* data, bool held);
@@ -22,17 +23,21 @@ public:
     unsigned int decReference() override;
 
     /// The block's sequence as this handle knows it: from its making, or its last commit.
-    unsigned long sequence() const { return mSequence; }
-    void setSequence(unsigned long sequence) { mSequence = sequence; }
+    unsigned long sequence() const { return mOwned.sequence; }
+    void setSequence(unsigned long sequence) { mOwned.sequence = sequence; }
+
+    /// Whether `word`, found in the block, says that the block still is its writer's: the master
+    /// may have taken it away and another may have it.
+    bool owns(const StateWord& word) const {
+        return word.state != BlockState::Free && word.writerSlot == mOwned.writerSlot &&
+               word.writerTag == mOwned.writerTag;
+    }
 
     /// Whom to give the block back to. Without a living channel it stays as it is.
     void setFinish(std::weak_ptr<SharedMemWriteChannelImpl> channel);
 
 private:
-    unsigned long mSequence;
-    /// The block is this handle's only as long as it has this writer: the master may have taken it
-    /// away and given it to another.
-    const unsigned long mWriterId;
+    StateWord mOwned;
     std::weak_ptr<SharedMemWriteChannelImpl> mChannel;
 };
 
