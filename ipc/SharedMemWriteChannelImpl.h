@@ -59,11 +59,11 @@ public:
     void checkBuffers() {}
 
     /// Frees `header` if it is being written by a node that is gone.
-    void checkWritingBuffer(BlockHeader* header, std::shared_ptr<SharedDomainImpl> domain);
+    void checkWritingBuffer(BlockHeader* header, const std::shared_ptr<SharedDomainImpl>& domain);
 
     /// Takes dead readers, and after 3 seconds silent ones, off a ready block; settles it when
     /// nobody is left.
-    void checkReadyBuffer(BlockHeader* header, std::shared_ptr<SharedDomainImpl> domain);
+    void checkReadyBuffer(BlockHeader* header, const std::shared_ptr<SharedDomainImpl>& domain);
 
 private:
     std::shared_ptr<SharedMemBuffer> wrap(const SharedMemPool& pool, BlockHeader* header,

@@ -140,8 +140,8 @@ void SharedMemWriteChannelImpl::checkAndCleanupBuffers() {
     checkBuffers();
 }
 
-void SharedMemWriteChannelImpl::checkWritingBuffer(BlockHeader* header,
-                                                   std::shared_ptr<SharedDomainImpl> domain) {
+void SharedMemWriteChannelImpl::checkWritingBuffer(
+    BlockHeader* header, const std::shared_ptr<SharedDomainImpl>& domain) {
     if (header == nullptr || !domain) {
         return;
     }
@@ -157,7 +157,7 @@ void SharedMemWriteChannelImpl::checkWritingBuffer(BlockHeader* header,
 }
 
 void SharedMemWriteChannelImpl::checkReadyBuffer(BlockHeader* header,
-                                                 std::shared_ptr<SharedDomainImpl> domain) {
+                                                 const std::shared_ptr<SharedDomainImpl>& domain) {
     if (header == nullptr || !domain) {
         return;
     }
