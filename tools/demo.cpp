@@ -4,13 +4,11 @@
 //     demo FILE
 //
 // Exit status 0: both copies equal the file, and every block of every pool is free again.
-#include <dirent.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
-#include <cinttypes>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -20,8 +18,8 @@
 #include <string>
 #include <vector>
 
-#include "frame/base/ScopeExit.h"
 #include "tests/support/HelperProcess.h"
+#include "tests/support/IpcCleanup.h"
 #include "tests/support/WaitFor.h"
 #include "tools/DomainView.h"
 
@@ -140,17 +138,6 @@ bool sameBytes(const std::string& left, const std::string& right) {
                       std::istreambuf_iterator<char>(b), std::istreambuf_iterator<char>());
 }
 
-/// Removes what the domain left in `directory`: everything that carries its name.
-void removeLeftovers(const std::string& directory, const std::string& domain) {
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(directory, ignored)) {
-        const std::string name = entry.path().filename();
-        if (name.rfind("shmipc_", 0) == 0 && name.find(domain) != std::string::npos) {
-            std::filesystem::remove(entry.path(), ignored);
-        }
-    }
-}
-
 void printSubscriber(const char* who, const Report& report) {
     const auto value = [&](const char* name) {
         const auto found = report.find(name);
@@ -172,8 +159,8 @@ public:
     Demo(const Demo&) = delete;
     Demo& operator=(const Demo&) = delete;
     ~Demo() {
-        removeLeftovers("/dev/shm", mDomain);
-        removeLeftovers("/tmp", mDomain);
+        OrbelTest::IpcCleanup::removeDomain(mDomain);
+        OrbelTest::IpcCleanup::removeChannel(mDomain + "_file");
         std::error_code ignored;
         std::filesystem::remove_all(mDirectory, ignored);
     }
@@ -191,7 +178,7 @@ private:
     std::string copy(const char* who) const { return mDirectory / who; }
 
     const std::string mFile;
-    const std::string mDomain;  // also in every name that it leaves
+    const std::string mDomain;
     const std::filesystem::path mDirectory;
     bool mFailed = false;
 };
@@ -260,5 +247,10 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: demo FILE\n");
         return 2;
     }
+    // Interrupted, it stops waiting, fails and cleans up all the same.
+    struct sigaction interrupted = {};
+    interrupted.sa_handler = [](int) {};
+    sigaction(SIGINT, &interrupted, nullptr);
+    sigaction(SIGTERM, &interrupted, nullptr);
     return Demo(argv[1]).run();
 }
