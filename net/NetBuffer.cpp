@@ -101,7 +101,7 @@ void NetBuffer::reserveHeadroom(size_t length) {
     std::copy_n(mData.begin() + static_cast<ptrdiff_t>(mReadIndex), size(),
                 moved.begin() + static_cast<ptrdiff_t>(length));
     mWriteIndex = length + size();
-    mHeadroom = mReadIndex = length;
+    mHeadroom = mReadIndex = length;  // also where it was larger: meant so
     mData = std::move(moved);
 }
 

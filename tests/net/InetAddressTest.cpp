@@ -1,0 +1,102 @@
+#include "Vantel/Orbel/InetAddress.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "Vantel/Orbel/UnixStreamSocket.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TestName.h"
+
+using namespace Vantel::Orbel;
+
+TEST(InetAddressTest, TextForms) {
+    const std::string path = "/tmp/some.socket";
+    const struct {
+        InetAddress addr;
+        InetAddressType type;
+        socklen_t length;
+        std::string ip, ipPort, text;
+        uint16_t port;
+    } cases[] = {
+        {InetAddress(), kIPv4, 0, "", "", "", 0},
+        {InetAddress(80, "1.2.3.4"), kIPv4, 16, "1.2.3.4", "1.2.3.4:80", "1.2.3.4:80", 80},
+        {InetAddress(443, "fe80::1", true), kIPv6, 28, "fe80::1", "[fe80::1]:443", "[fe80::1]:443",
+         443},
+        {InetAddress(path), kUnix, 110, "unix", path, "unix:" + path, 0},
+        {InetAddress::createLoopback6(1), kIPv6, 28, "::1", "[::1]:1", "[::1]:1", 1},
+        {InetAddress::createAny4(65535), kIPv4, 16, "0.0.0.0", "0.0.0.0:65535", "0.0.0.0:65535",
+         65535},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.text);
+        EXPECT_EQ(c.addr.getType(), c.type);
+        EXPECT_EQ(c.addr.getSockLen(), c.length);
+        EXPECT_EQ(c.addr.isValid(), c.length != 0);
+        EXPECT_EQ(c.addr.toIp(), c.ip);
+        EXPECT_EQ(c.addr.toIpPort(), c.ipPort);
+        EXPECT_EQ(c.addr.toString(), c.text);
+        EXPECT_EQ(c.addr.toPort(), c.port);
+    }
+}
+
+TEST(InetAddressTest, AFailedChangeLeavesTheInvalidAddress) {
+    OrbelTest::LogCapture log;
+    const InetAddress zero;
+    InetAddress addr(80, "1.2.3.4");
+    EXPECT_FALSE(addr.setIPv4(80, "1.2.3.400"));
+    EXPECT_EQ(std::memcmp(&addr, &zero, sizeof addr), 0);
+    EXPECT_TRUE(addr.setIPv6(80, "::1"));
+    EXPECT_FALSE(addr.setIPv6(80, "1.2.3.4"));
+    EXPECT_EQ(std::memcmp(&addr, &zero, sizeof addr), 0);
+    EXPECT_TRUE(log.has("]inet_pton error for IPv4 1.2.3.400\n"));
+    EXPECT_TRUE(log.has("]inet_pton error for IPv6 1.2.3.4\n"));
+
+    const size_t before = log.lines().size();
+    EXPECT_TRUE(addr.setUnix(std::string(107, 'x')));
+    EXPECT_EQ(addr.getUnixPath(), std::string(107, 'x'));
+    EXPECT_FALSE(addr.setUnix(std::string(108, 'x')));
+    EXPECT_EQ(std::memcmp(&addr, &zero, sizeof addr), 0);
+    EXPECT_EQ(log.lines().size(), before) << "a path that is too long is refused silently";
+}
+
+TEST(InetAddressTest, APathWithoutItsEndingZeroIsNotReadBeyond) {
+    sockaddr_un raw{};
+    raw.sun_family = AF_UNIX;
+    std::memset(raw.sun_path, 'y', sizeof raw.sun_path);
+    EXPECT_EQ(InetAddress(raw).getUnixPath(), std::string(108, 'y'));
+}
+
+TEST(InetAddressTest, Resolve) {
+    OrbelTest::LogCapture log;
+    InetAddress addr;
+    ASSERT_TRUE(InetAddress::resolve("127.0.0.1", 8080, &addr, false));
+    EXPECT_EQ(addr.toIpPort(), "127.0.0.1:8080");
+    ASSERT_TRUE(InetAddress::resolve("::1", &addr, true));
+    EXPECT_EQ(addr.toIpPort(), "[::1]:0");
+
+    errno = 0;
+    EXPECT_FALSE(InetAddress::resolve("", 1, &addr, false));
+    EXPECT_EQ(errno, EINVAL);
+    errno = 0;
+    EXPECT_FALSE(InetAddress::resolve("127.0.0.1", 1, nullptr, false));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(InetAddress::resolve("::1", 1, &addr, false)) << "of the wrong family";
+    EXPECT_TRUE(log.has("]getaddrinfo error: "));
+}
+
+TEST(InetAddressTest, OnlySocketFilesAreRemoved) {
+    const std::string path = "/tmp/" + OrbelTest::uniqueName("removeSocketFile");
+    EXPECT_TRUE(InetAddress::removeUnixSocketFile(path)) << "nothing is there";
+    std::ofstream(path) << "data";
+    EXPECT_TRUE(InetAddress::removeUnixSocketFile(path));
+    EXPECT_EQ(access(path.c_str(), F_OK), 0) << "a regular file stays";
+    ASSERT_EQ(unlink(path.c_str()), 0);
+
+    UnixStreamSocket socket;
+    ASSERT_TRUE(socket.bind(InetAddress(path)));
+    EXPECT_TRUE(InetAddress::removeUnixSocketFile(path));
+    EXPECT_NE(access(path.c_str(), F_OK), 0);
+}

@@ -1,0 +1,350 @@
+#include "Vantel/Orbel/Socket.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "Vantel/Orbel/InetAddress.h"
+#include "Vantel/Orbel/TcpSocket.h"
+#include "Vantel/Orbel/UdpSocket.h"
+#include "Vantel/Orbel/UnixStreamSocket.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/OpenDescriptors.h"
+#include "tests/support/TestName.h"
+
+using namespace Vantel::Orbel;
+using OrbelTest::LogCapture;
+
+namespace {
+
+/// Two connected TCP sockets on loopback.
+struct TcpPair {
+    TcpPair() {
+        TcpSocket listener;
+        EXPECT_TRUE(listener.bind(InetAddress::createLoopback4(0)) && listener.listen(1));
+        EXPECT_TRUE(near.connect(listener.getLocalAddress(), 5000));
+        EXPECT_TRUE(listener.waitReadable(5000, nullptr));
+        far = listener.acceptConnection(&peer);
+        EXPECT_TRUE(far);
+    }
+
+    TcpSocket near;
+    std::unique_ptr<TcpSocket> far;
+    InetAddress peer;
+};
+
+}  // namespace
+
+TEST(SocketTest, AConnectionFromBirthToEndOfFile) {
+    TcpPair pair;
+    EXPECT_EQ(pair.peer.toIpPort(), pair.near.getLocalAddress().toIpPort());
+    EXPECT_EQ(pair.near.getPeerAddress().toIpPort(),
+              Socket::getLocalAddr(pair.far->fd()).toIpPort());
+    for (const TcpSocket* socket : {&pair.near, pair.far.get()}) {
+        EXPECT_EQ(socket->family(), AF_INET);
+        EXPECT_EQ(socket->type(), SOCK_STREAM) << "without the creation flags";
+        EXPECT_EQ(socket->protocol(), IPPROTO_TCP);
+        EXPECT_TRUE(socket->isNonBlocking());
+        EXPECT_EQ(fcntl(socket->fd(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    }
+    char hello[] = "hel", rest[] = "lo";
+    const iovec out[] = {{hello, 3}, {rest, 2}};
+    EXPECT_EQ(pair.near.writev(out, 2, 0), 5);
+    char buffer[16] = {};
+    EXPECT_EQ(pair.far->recvAll(buffer, 5, MSG_WAITALL, 5000), 5);
+    EXPECT_STREQ(buffer, "hello");
+
+    ASSERT_TRUE(pair.near.send("12345", 5, 0) == 5 && pair.near.shutdownWrite());
+    EXPECT_EQ(pair.far->recvAll(buffer, 10, 0, 5000), -1);
+    EXPECT_EQ(errno, ECONNRESET) << "the end came before the count was complete";
+    EXPECT_STREQ(buffer, "12345");
+}
+
+TEST(SocketTest, SendAllKeepsItsTimeLimit) {
+    LogCapture log;
+    TcpPair pair;
+    const std::vector<char> much(64 << 20);
+    EXPECT_EQ(pair.near.sendAll(much.data(), much.size(), 0, 20), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(pair.near.sendAll(much.data(), 100000, 0, 0), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_TRUE(log.has("StreamSocket::send timeout, sent=0, len=100000, timeout=0ms\n"));
+    EXPECT_EQ(pair.near.sendAll(much.data(), size_t{0x80000000}, 0, 0), -1);
+    EXPECT_EQ(errno, EMSGSIZE);
+
+    char byte;
+    const size_t before = log.lines().size();
+    EXPECT_EQ(pair.near.recvAll(&byte, 1, 0, 5), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_EQ(log.lines().size(), before) << "recvAll does not log";
+
+    // A reader that comes late gets all of it.
+    TcpPair other;
+    std::vector<char> received(8 << 20);
+    std::thread reader([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_EQ(other.far->recvAll(received.data(), received.size(), 0, -1),
+                  static_cast<ssize_t>(received.size()));
+    });
+    EXPECT_EQ(other.near.sendAll(much.data(), received.size(), 0, 30000),
+              static_cast<ssize_t>(received.size()));
+    reader.join();
+}
+
+TEST(SocketTest, SendingToADeadPeerRaisesNoSignal) {
+    ASSERT_NE(signal(SIGPIPE, SIG_DFL), SIG_ERR);
+    TcpPair pair;
+    ASSERT_TRUE(pair.near.shutdownWrite());
+    const iovec vector{const_cast<char*>("x"), 1};
+    EXPECT_EQ(pair.near.send("x", 1, 0), -1);
+    EXPECT_EQ(errno, EPIPE);
+    EXPECT_EQ(pair.near.writev(&vector, 1, 0), -1);
+    EXPECT_EQ(pair.near.sendAll("x", 1, 0, 0), -1);
+}
+
+TEST(SocketTest, WaitEvent) {
+    TcpPair pair;
+    int revents = -1;
+    const struct {
+        const char* why;
+        int events, timeoutMs, error;
+    } refused[] = {
+        {"no event", 0, 0, EINVAL},
+        {"unknown event", 4, 0, EINVAL},
+        {"time-out below -1", Socket::kReadEvent, -2, EINVAL},
+        {"nothing to read", Socket::kReadEvent, 1, ETIMEDOUT},
+    };
+    for (const auto& c : refused) {
+        SCOPED_TRACE(c.why);
+        EXPECT_FALSE(pair.near.waitEvent(c.events, c.timeoutMs, &revents));
+        EXPECT_EQ(errno, c.error);
+    }
+    EXPECT_EQ(revents, 0) << "stored on time-out";
+    EXPECT_TRUE(pair.near.waitEvent(Socket::kReadEvent | Socket::kWriteEvent, 0, &revents));
+    EXPECT_EQ(revents, Socket::kWriteEvent);
+
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    Socket writeEnd(pipeFds[1]);
+    close(pipeFds[0]);
+    EXPECT_FALSE(writeEnd.waitReadable(0, &revents)) << "POLLERR without the wanted event";
+}
+
+TEST(SocketTest, RefusesBadAddresses) {
+    LogCapture log;
+    TcpSocket tcp;
+    UnixStreamSocket local;
+    UdpSocket udp;
+    EXPECT_FALSE(tcp.bind(InetAddress()));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(tcp.bind(InetAddress::createLoopback6(0)));
+    EXPECT_EQ(errno, EAFNOSUPPORT);
+    EXPECT_FALSE(tcp.connect(InetAddress("/tmp/x"), 0));
+    EXPECT_FALSE(local.bind(InetAddress::createLoopback4(0)));
+    EXPECT_FALSE(local.connect(InetAddress::createLoopback4(0), 0));
+    EXPECT_EQ(udp.sendTo("x", 1, InetAddress(), 0), -1);
+    EXPECT_FALSE(udp.connect(InetAddress::createLoopback6(1)));
+    EXPECT_FALSE(tcp.connect(InetAddress::createLoopback6(1), 0));
+    EXPECT_FALSE(tcp.bindToDevice(""));
+    EXPECT_FALSE(tcp.bindToDevice(std::string(16, 'd')));
+    EXPECT_FALSE(tcp.bindToDevice("nodevice"));
+    for (const char* text : {
+             "]bind failed: invalid socket address\n",
+             "]bind failed: socket family 2 does not match address family 10\n",
+             "]TcpSocket only supports IPv4/IPv6 peer addresses\n",
+             "]datagram sendTo failed: invalid socket address\n",
+             "]datagram connect failed: socket family 2 does not match address family 10\n",
+             "]stream connect failed: socket family 2 does not match address family 10\n",
+             "]bindToDevice: device name cannot be empty\n",
+             "]bindToDevice: device name too long (max 15 chars)\n",
+             "]bindToDevice failed for device 'nodevice': No such device\n",
+         }) {
+        EXPECT_EQ(log.count(text), 1) << text;
+    }
+    EXPECT_EQ(log.count("]UnixStreamSocket only supports Unix domain addresses\n"), 2);
+}
+
+TEST(SocketTest, ConnectThatIsNotDoneAtOnce) {
+    LogCapture log;
+    TcpSocket listener;
+    ASSERT_TRUE(listener.bind(InetAddress::createLoopback4(0)) && listener.listen(1));
+    TcpSocket later;
+    EXPECT_FALSE(later.connect(listener.getLocalAddress(), 0));
+    EXPECT_EQ(errno, EINPROGRESS);
+    EXPECT_TRUE(log.lines().empty());
+    EXPECT_TRUE(later.waitWritable(5000, nullptr));
+    EXPECT_EQ(later.getSocketError(), 0);
+
+    const InetAddress closed = listener.getLocalAddress();
+    listener.close();
+    TcpSocket refused;
+    EXPECT_FALSE(refused.connect(closed, 5000));
+    EXPECT_EQ(errno, ECONNREFUSED);
+    UnixStreamSocket nobody;
+    EXPECT_FALSE(nobody.connect(InetAddress("/tmp/" + OrbelTest::uniqueName("nobody")), 1000));
+    EXPECT_TRUE(log.has("]connect failed: No such file or directory\n"));
+}
+
+TEST(SocketTest, AFullUnixBacklogIsNoConnection) {
+    const InetAddress addr("/tmp/" + OrbelTest::uniqueName("backlog"));
+    UnixStreamSocket listener;
+    ASSERT_TRUE(listener.bind(addr) && listener.listen(0));
+    std::vector<UnixStreamSocket> queued(8);
+    size_t full = 0;
+    while (full < queued.size() && queued[full].connect(addr, 0)) {
+        ++full;
+    }
+    ASSERT_LT(full, queued.size());
+    EXPECT_EQ(errno, EAGAIN) << "not in progress: the kernel has begun nothing";
+    EXPECT_FALSE(queued[full].connect(addr, 10));
+    EXPECT_EQ(errno, ETIMEDOUT);
+    std::thread server([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        Socket accepted(listener.accept(nullptr));
+        EXPECT_GE(accepted.fd(), 0);
+    });
+    EXPECT_TRUE(queued[full].connect(addr, 30000));
+    EXPECT_EQ(queued[full].getPeerAddress().getUnixPath(), addr.getUnixPath());
+    server.join();
+    InetAddress::removeUnixSocketFile(addr.getUnixPath());
+}
+
+TEST(SocketTest, MovedFromAndClosedSocketsRefuseEverything) {
+    LogCapture log;
+    const long before = OrbelTest::openDescriptors();
+    {
+        TcpSocket first;
+        const int fd = first.fd();
+        TcpSocket socket(std::move(first));
+        EXPECT_EQ(socket.fd(), fd);
+        TcpSocket assigned;
+        assigned = std::move(socket);
+        EXPECT_EQ(assigned.fd(), fd);
+        EXPECT_EQ(OrbelTest::openDescriptors(), before + 1);
+        const int type = socket.type() | socket.family() | socket.protocol();  // NOLINT: moved from
+        EXPECT_EQ(type, 0);
+        EXPECT_TRUE(assigned.close());
+        EXPECT_FALSE(assigned.close());
+
+        char byte = 0;
+        iovec vector{&byte, 1};
+        const InetAddress addr = InetAddress::createLoopback4(1);
+        const std::function<bool()> calls[] = {
+            [&] { return assigned.bind(addr); },
+            [&] { return assigned.connect(addr, 10); },
+            [&] { return assigned.listen(1); },
+            [&] { return assigned.accept(nullptr) >= 0; },
+            [&] { return assigned.shutdownBoth(); },
+            [&] { return assigned.send(&byte, 1, 0) >= 0; },
+            [&] { return assigned.recv(&byte, 1, 0) >= 0; },
+            [&] { return assigned.recvAll(&byte, 0, 0, 0) >= 0; },
+            [&] { return assigned.readv(&vector, 1) >= 0; },
+            [&] { return assigned.writev(&vector, 1, 0) >= 0; },
+            [&] { return assigned.setNonBlocking(true); },
+            [&] { return assigned.setCloseOnExec(true); },
+            [&] { return assigned.setReuseAddr(true); },
+            [&] { return assigned.setTcpNoDelay(true); },
+            [&] { return assigned.waitReadable(0, nullptr); },
+            [&] { return assigned.getLocalAddress().isValid(); },
+            [&] { return assigned.getRecvBufSize() >= 0; },
+        };
+        for (size_t i = 0; i < std::size(calls); ++i) {
+            errno = 0;
+            EXPECT_FALSE(calls[i]()) << "call " << i;
+            EXPECT_NE(errno, 0) << "call " << i;
+        }
+    }
+    EXPECT_EQ(OrbelTest::openDescriptors(), before);
+
+    TcpPair pair;
+    EXPECT_EQ(pair.near.send(nullptr, 1, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(pair.near.writev(nullptr, 1, 0), -1);
+    EXPECT_EQ(errno, EINVAL);
+    TcpSocket failed(12345, true);
+    EXPECT_EQ(failed.fd(), -1);
+    EXPECT_EQ(failed.family(), 0);
+    EXPECT_TRUE(log.has("]create socket failed: "));
+}
+
+TEST(SocketTest, Options) {
+    TcpSocket socket;
+    const auto get = [&socket](int level, int name) {
+        int value = -1;
+        unsigned length = sizeof value;
+        return socket.getSocketOption(level, name, &value, &length) ? value : -1;
+    };
+    EXPECT_TRUE(socket.setReuseAddr(true) && socket.setReusePort(true));
+    EXPECT_TRUE(socket.setKeepAlive(true) && socket.setTcpNoDelay(true));
+    EXPECT_TRUE(socket.setKeepIdle(7) && socket.setKeepInterval(8) && socket.setKeepCount(9));
+    EXPECT_EQ(get(SOL_SOCKET, SO_REUSEADDR), 1);
+    EXPECT_EQ(get(SOL_SOCKET, SO_REUSEPORT), 1);
+    EXPECT_EQ(get(SOL_SOCKET, SO_KEEPALIVE), 1);
+    EXPECT_EQ(get(IPPROTO_TCP, TCP_NODELAY), 1);
+    EXPECT_EQ(get(IPPROTO_TCP, TCP_KEEPIDLE), 7);
+    EXPECT_EQ(get(IPPROTO_TCP, TCP_KEEPINTVL), 8);
+    EXPECT_EQ(get(IPPROTO_TCP, TCP_KEEPCNT), 9);
+    EXPECT_TRUE(socket.setRecvBufSize(50000) && socket.setSendBufSize(60000));
+    EXPECT_EQ(socket.getRecvBufSize(), 100000);
+    EXPECT_EQ(socket.getSendBufSize(), 120000);
+    timeval value{};
+    unsigned length = sizeof value;
+    EXPECT_TRUE(socket.setRecvTimeout(1250));
+    EXPECT_TRUE(socket.getSocketOption(SOL_SOCKET, SO_RCVTIMEO, &value, &length));
+    EXPECT_EQ(value.tv_sec, 1);
+    EXPECT_NEAR(static_cast<double>(value.tv_usec), 250000, 10000);
+    EXPECT_FALSE(socket.setSendTimeout(-1));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_TRUE(socket.setNonBlocking(false));
+    EXPECT_FALSE(socket.isNonBlocking());
+}
+
+TEST(SocketTest, Datagrams) {
+    UdpSocket server, client;
+    ASSERT_TRUE(server.bind(InetAddress::createLoopback4(0)));
+    EXPECT_EQ(client.sendTo("ping", 4, server.getLocalAddress(), 0), 4);
+    char buffer[8] = {};
+    InetAddress peer;
+    ASSERT_TRUE(server.waitReadable(5000, nullptr));
+    EXPECT_EQ(server.recvFrom(buffer, sizeof buffer, &peer, 0), 4);
+    ASSERT_TRUE(server.connect(peer));
+    EXPECT_EQ(server.send("pong!", 5, 0), 5);
+    ASSERT_TRUE(client.waitReadable(5000, nullptr));
+    EXPECT_EQ(client.recv(buffer, sizeof buffer, 0), 5);
+    EXPECT_STREQ(buffer, "pong!");
+
+    const InetAddress path("/tmp/" + OrbelTest::uniqueName("datagram"));
+    DatagramSocket(AF_UNIX, true).bind(path);
+    DatagramSocket again(AF_UNIX, true);
+    EXPECT_TRUE(again.bind(path)) << "the file of a dead one is replaced";
+    InetAddress::removeUnixSocketFile(path.getUnixPath());
+}
+
+TEST(SocketTest, Multicast) {
+    for (const int family : {AF_INET, AF_INET6}) {
+        UdpSocket socket(family, true);
+        EXPECT_TRUE(socket.setMulticastTTL(255) && socket.setMulticastLoop(false));
+        for (const int ttl : {256, -1}) {
+            errno = 0;
+            EXPECT_FALSE(socket.setMulticastTTL(ttl));
+            EXPECT_EQ(errno, EINVAL);
+        }
+    }
+    UdpSocket socket;
+    EXPECT_TRUE(socket.setBroadcast(true));
+    const InetAddress group(0, "239.1.2.3"), loopback = InetAddress::createLoopback4(0);
+    EXPECT_TRUE(socket.joinMulticastGroup(group, &loopback));
+    EXPECT_TRUE(socket.leaveMulticastGroup(group, &loopback));
+    EXPECT_FALSE(socket.leaveMulticastGroup(group, &loopback)) << "left already";
+    EXPECT_FALSE(socket.joinMulticastGroup(InetAddress("/tmp/x"), nullptr));
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_FALSE(socket.joinMulticastGroup(InetAddress(), nullptr));
+    EXPECT_EQ(errno, EAFNOSUPPORT);
+}
