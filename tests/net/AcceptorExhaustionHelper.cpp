@@ -1,5 +1,6 @@
-// Listens on a loopback port with every descriptor up to a limit (argument) in use. Prints the
-// port; then answers "report" and "free" (the descriptors) on its standard input.
+// Serves "hello" on a loopback port and prints the port. Then obeys its standard input: "hoard"
+// takes every descriptor up to a limit (argument), "free" gives them back, both answer with a
+// line that says what became of the connections so far.
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -21,6 +22,23 @@ using namespace OrbelTest;
 using Vantel::Orbel::Acceptor;
 using Vantel::Orbel::UniqueFd;
 
+namespace {
+
+std::vector<UniqueFd> takeAllDescriptors(rlim_t limit) {
+    rlimit soft = {};
+    getrlimit(RLIMIT_NOFILE, &soft);
+    soft.rlim_cur = limit;
+    setrlimit(RLIMIT_NOFILE, &soft);
+    std::vector<UniqueFd> hoard;
+    for (int fd = 0; fd >= 0;) {
+        fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        hoard.emplace_back(fd);
+    }
+    return hoard;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     LogCapture log;
     LoopThread loop;
@@ -37,28 +55,20 @@ int main(int argc, char** argv) {
             }
         });
         acceptor->initial(InetAddress::createLoopback4(0), "", false);
-
-        rlimit limit = {};
-        getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = static_cast<rlim_t>(argc > 1 ? atoi(argv[1]) : 64);
-        setrlimit(RLIMIT_NOFILE, &limit);
-        for (int fd = 0; fd >= 0;) {
-            fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-            hoard.emplace_back(fd);
-        }
         acceptor->listen();
     });
     printf("%d\n", acceptor->listenAddr().toPort());
     fflush(stdout);
     for (std::string line; std::getline(std::cin, line);) {
-        if (line == "free") {
-            loop.run([&] { hoard.clear(); });
-            printf("freed\n");
-        } else {
-            loop.run([] {});  // after what it does just now
-            printf("dropped %d accepted %d\n",
-                   log.count("]Acceptor::handleRead - file descriptor exhausted"), accepted.load());
-        }
+        loop.run([&] {  // after whatever the acceptor does just now
+            if (line == "hoard") {
+                hoard = takeAllDescriptors(static_cast<rlim_t>(argc > 1 ? atoi(argv[1]) : 64));
+            } else {
+                hoard.clear();
+            }
+        });
+        printf("dropped %d accepted %d\n",
+               log.count("]Acceptor::handleRead - file descriptor exhausted"), accepted.load());
         fflush(stdout);
     }
     acceptor.reset();

@@ -183,8 +183,8 @@ TEST_P(StreamServerTest, StopAndDestructionFromEachCallback) {
             };
             mServer->setConnectionCallback([&](const StreamConnectionPtr&) { at("connection"); });
             mServer->setMessageCallback([&](const StreamConnectionPtr& connection, NetBuffer* in) {
-                echo(connection, in);
                 at("message");
+                echo(connection, in);  // may end in the close callback: nothing may follow it here
             });
             mServer->setCloseCallback([&](const StreamConnectionPtr&) { at("close"); });
             start();
