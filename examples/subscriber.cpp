@@ -7,8 +7,8 @@
 //     --count   leave after N samples
 //
 // Ends with the stream, after N samples or on SIGINT or SIGTERM, and says what it got: samples,
-// bytes, speed, microseconds from commit to callback (half, 99 % and all of the samples were
-// faster).
+// bytes, speed, longest pause, microseconds from commit to callback (half, 99 % and all of the
+// samples were faster).
 #include <json/json.h>
 #include <signal.h>
 #include <unistd.h>
@@ -63,7 +63,8 @@ public:
         const auto& info = *static_cast<const SampleInfo*>(sample->extraData());
         const auto* payload = static_cast<const uint8_t*>(sample->data());
         mLatencyNs.push_back(now - info.sendTimeNs);
-        mFirstNs = mBytes == 0 ? info.sendTimeNs : mFirstNs;
+        mFirstNs = mLatencyNs.size() == 1 ? info.sendTimeNs : mFirstNs;
+        mLongestGapNs = std::max(mLongestGapNs, mLatencyNs.size() == 1 ? 0 : now - mLastNs);
         mLastNs = now;
         mBytes += sample->size();
         mLost += mNext != 0 && info.sequence != mNext ? info.sequence - mNext : 0;
@@ -94,12 +95,12 @@ public:
         };
         const double seconds = static_cast<double>(mLastNs - mFirstNs) / 1e9;
         std::printf(
-            "samples %zu bytes %lu mb_s %.1f p50_us %.1f p99_us %.1f max_us %.1f "
+            "samples %zu bytes %lu mb_s %.1f gap_ms %.1f p50_us %.1f p99_us %.1f max_us %.1f "
             "lost %lu corrupt %lu\n",
             mLatencyNs.size(), static_cast<unsigned long>(mBytes),
-            seconds > 0 ? static_cast<double>(mBytes) / 1e6 / seconds : 0.0, atShare(0.5),
-            atShare(0.99), atShare(1), static_cast<unsigned long>(mLost),
-            static_cast<unsigned long>(mCorrupt));
+            seconds > 0 ? static_cast<double>(mBytes) / 1e6 / seconds : 0.0,
+            static_cast<double>(mLongestGapNs) / 1e6, atShare(0.5), atShare(0.99), atShare(1),
+            static_cast<unsigned long>(mLost), static_cast<unsigned long>(mCorrupt));
     }
 
 private:
@@ -109,6 +110,7 @@ private:
     std::vector<uint64_t> mLatencyNs;
     uint64_t mFirstNs = 0;
     uint64_t mLastNs = 0;
+    uint64_t mLongestGapNs = 0;
     uint64_t mBytes = 0;
     uint64_t mNext = 0;
     uint64_t mLost = 0;

@@ -32,6 +32,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+/// Set by SIGINT and SIGTERM: the demo stops waiting, fails, and cleans up all the same.
+volatile sig_atomic_t interrupted = 0;
+
 double millisecondsSince(Clock::time_point begin) {
     return std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
 }
@@ -108,14 +111,14 @@ Kill killHolder(const DomainView& domain, HelperProcess& holder) {
         const bool settled = !now.empty() && now == held;
         held = now;
         usleep(50000);
-        return settled;
+        return settled || interrupted != 0;
     });
     Kill kill;
     kill.held = held.size();
     const auto begin = Clock::now();
     holder.killAndReap();
     size_t left = held.size();
-    kill.allBack = waitFor([&] {
+    waitFor([&] {
         const size_t before = left;
         left = 0;
         for (const auto& [block, sequence] : held) {
@@ -124,8 +127,9 @@ Kill killHolder(const DomainView& domain, HelperProcess& holder) {
         if (before == held.size() && left < before) {
             kill.firstBackMs = millisecondsSince(begin);
         }
-        return left == 0;
+        return left == 0 || interrupted != 0;
     });
+    kill.allBack = left == 0;
     kill.lastBackMs = millisecondsSince(begin);
     return kill;
 }
@@ -138,14 +142,23 @@ bool sameBytes(const std::string& left, const std::string& right) {
                       std::istreambuf_iterator<char>(b), std::istreambuf_iterator<char>());
 }
 
+double valueOf(const Report& report, const char* name) {
+    const auto found = report.find(name);
+    return found == report.end() ? 0.0 : found->second;
+}
+
 void printSubscriber(const char* who, const Report& report) {
-    const auto value = [&](const char* name) {
-        const auto found = report.find(name);
-        return found == report.end() ? 0.0 : found->second;
-    };
-    std::printf("%-22s %8.0f %9.1f %10.1f %10.1f %10.1f %6.0f %8.0f\n", who, value("samples"),
-                value("mb_s"), value("p50_us"), value("p99_us"), value("max_us"), value("lost"),
-                value("corrupt"));
+    std::printf("%-20s", who);
+    constexpr struct {
+        const char* name;
+        int width;
+        int digits;
+    } columns[] = {{"samples", 8, 0}, {"mb_s", 8, 1},   {"gap_ms", 9, 1}, {"p50_us", 9, 1},
+                   {"p99_us", 9, 1},  {"max_us", 9, 1}, {"lost", 5, 0},   {"corrupt", 8, 0}};
+    for (const auto& column : columns) {
+        std::printf(" %*.*f", column.width, column.digits, valueOf(report, column.name));
+    }
+    std::printf("\n");
 }
 
 class Demo {
@@ -205,7 +218,10 @@ int Demo::run() {
     const Kill kill = killHolder(domain, holder);
     check(kill.allBack, "the blocks of the killed subscriber come back");
 
-    const Report sent = readToEnd(publisher);
+    const Report sent = interrupted != 0 ? Report() : readToEnd(publisher);
+    if (!check(interrupted == 0, "not interrupted")) {
+        return 1;
+    }
     const Report syncReport = readToEnd(sync);
     const Report standardReport = readToEnd(standard);
     ::kill(late.pid(), SIGTERM);  // if the stream had less than 20 samples left for it
@@ -221,20 +237,21 @@ int Demo::run() {
               "no sample is lost or damaged");
     }
 
-    std::printf("%-22s %8s %9s %10s %10s %10s %6s %8s\n", "subscriber", "samples", "MB/s", "p50 us",
-                "p99 us", "max us", "lost", "corrupt");
+    std::printf("%-20s %8s %8s %9s %9s %9s %9s %5s %8s\n", "subscriber", "samples", "MB/s",
+                "pause ms", "p50 us", "p99 us", "max us", "lost", "corrupt");
     printSubscriber("sync", syncReport);
     printSubscriber("default", standardReport);
     printSubscriber("late, leaves early", lateReport);
-    const auto value = [&](const char* name) { return sent.count(name) ? sent.at(name) : 0.0; };
     std::printf(
-        "\npublisher: %.0f samples, %.0f bytes; EAGAIN %.0f times, waited %.1f ms for "
-        "blocks\n",
-        value("sent"), value("bytes"), value("eagain"), value("waited_ms"));
+        "(from commit to callback; the publisher runs ahead by all the blocks there are)\n");
+    std::printf(
+        "\npublisher: %.0f samples, %.0f bytes; EAGAIN %.0f times, waited %.1f ms for blocks\n",
+        valueOf(sent, "sent"), valueOf(sent, "bytes"), valueOf(sent, "eagain"),
+        valueOf(sent, "waited_ms"));
     std::printf(
         "kill -9: the subscriber held %zu blocks; the first came back after %.1f ms, the "
-        "last after %.1f ms\n",
-        kill.held, kill.firstBackMs, kill.lastBackMs);
+        "last after %.1f ms; the stream stood still for %.1f ms\n",
+        kill.held, kill.firstBackMs, kill.lastBackMs, valueOf(syncReport, "gap_ms"));
     std::printf("blocks still in use: %zu\n", busy);
     std::printf(mFailed ? "FAILED\n" : "both copies equal %s\n", mFile.c_str());
     return mFailed ? 1 : 0;
@@ -247,10 +264,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: demo FILE\n");
         return 2;
     }
-    // Interrupted, it stops waiting, fails and cleans up all the same.
-    struct sigaction interrupted = {};
-    interrupted.sa_handler = [](int) {};
-    sigaction(SIGINT, &interrupted, nullptr);
-    sigaction(SIGTERM, &interrupted, nullptr);
+    struct sigaction action = {};
+    action.sa_handler = [](int) { interrupted = 1; };
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
     return Demo(argv[1]).run();
 }
