@@ -102,10 +102,11 @@ TEST(SocketTest, SendingToADeadPeerRaisesNoSignal) {
     ASSERT_NE(signal(SIGPIPE, SIG_DFL), SIG_ERR);
     TcpPair pair;
     ASSERT_TRUE(pair.near.shutdownWrite());
-    const iovec vector{const_cast<char*>("x"), 1};
+    const iovec vectors[] = {{const_cast<char*>("x"), 1}, {const_cast<char*>("y"), 1}};
     EXPECT_EQ(pair.near.send("x", 1, 0), -1);
     EXPECT_EQ(errno, EPIPE);
-    EXPECT_EQ(pair.near.writev(&vector, 1, 0), -1);
+    EXPECT_EQ(pair.near.writev(vectors, 1, 0), -1);
+    EXPECT_EQ(pair.near.writev(vectors, 2, 0), -1);
     EXPECT_EQ(pair.near.sendAll("x", 1, 0, 0), -1);
 }
 
