@@ -382,17 +382,22 @@ TEST(StreamServerLoopTest, DestroyedBesideABaseLoopThatDoesNotRun) {
     }
 }
 
-/// A loop that ends between a close and its removal takes nothing down with it.
-TEST(StreamServerLoopTest, CloseCallbackThatEndsTheLoop) {
+/// A loop that ends between a close and the removal it queued takes nothing down with it.
+TEST(StreamServerLoopTest, CloseThatTheLoopEndsUpon) {
     EventLoop loop;
     TcpServer server(&loop, "srv");
-    server.setMessageCallback(echo);
-    server.setCloseCallback([&](const StreamConnectionPtr&) { loop.quit(); });
+    server.setConnectionCallback([&](const StreamConnectionPtr& connection) {
+        loop.queueInLoop([&loop, connection] {
+            connection->forceClose();
+            loop.quit();
+        });
+    });
     ASSERT_TRUE(server.initial(freshAddress(Family::Tcp), "", false));
     ASSERT_TRUE(server.start());
-    Peer(server.listenAddr()).close();
+    Peer peer(server.listenAddr());
     loop.loop();
     EXPECT_EQ(server.connectionCount(), 0u);
+    EXPECT_TRUE(peer.ended());
 }
 
 }  // namespace
