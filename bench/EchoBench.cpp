@@ -1,11 +1,12 @@
-// Echo of 64 bytes: this library's server beside a hand-written epoll server, in one process each
-// on a thread of its own, under the same load generator on a third. The loads take turns within
-// each iteration, so that the ratios do not drift with the machine. Every answer is checked.
+// Echo of 64 bytes: this library's server beside a hand-written epoll server, in one process, each
+// on a thread of its own, under the same load generator on a third. They take turns in short rounds
+// and the ratios are medians over the rounds, so that they do not drift with the machine. Every
+// answer is checked.
 //
-// Counters: requests per second of each server with 64 and with 1,000 connections; rate_vs_epoll
-// and rate_vs_epoll_1000, this library's rate over the other's (higher is better); cost_of_1000,
-// time per request with 1,000 connections over that with 64; cpu_vs_epoll, processor time of the
-// two server threads per request with 64 connections (lower is better).
+// Counters: requests per second of each server with 64 and with 1,000 connections, one request
+// under way on each; rate_vs_epoll and rate_vs_epoll_1000, this library's rate over the other's
+// (higher is better); cost_of_1000 and epoll_cost_of_1000, time per request with 1,000 connections
+// over that with 64; cpu_vs_epoll, processor time of the servers' threads (lower is better).
 
 #include <benchmark/benchmark.h>
 #include <pthread.h>
@@ -15,6 +16,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -184,15 +186,8 @@ public:
         }
     }
 
-    /// Accepted connections and first-time storage are not what is measured.
-    void warmUp() {
-        run(10);
-        mSeconds = 0;
-        mRequests = 0;
-    }
-
-    /// Makes `perConnection` requests on each connection.
-    void run(uint32_t perConnection) {
+    /// Makes `perConnection` requests on each connection; the rate per second.
+    double run(uint32_t perConnection) {
         const auto begin = Clock::now();
         mTarget = mSent[0] + perConnection;
         for (uint32_t i = 0; i < mSockets.size(); ++i) {
@@ -214,12 +209,9 @@ public:
                 }
             }
         }
-        mSeconds += std::chrono::duration<double>(Clock::now() - begin).count();
-        mRequests += static_cast<double>(mSockets.size()) * perConnection;
+        return static_cast<double>(mSockets.size()) * perConnection /
+               std::chrono::duration<double>(Clock::now() - begin).count();
     }
-
-    double rate() const { return mRequests / mSeconds; }
-    double requests() const { return mRequests; }
 
 private:
     struct Message {
@@ -252,8 +244,6 @@ private:
     std::vector<UniqueFd> mSockets;
     std::vector<uint32_t> mSent;
     uint32_t mTarget = 0;
-    double mSeconds = 0;
-    double mRequests = 0;
 };
 
 void allowManyDescriptors() {
@@ -263,42 +253,66 @@ void allowManyDescriptors() {
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// Processor time of a server's thread over the loads of one kind.
+double median(std::vector<double> values) {
+    std::nth_element(values.begin(), values.begin() + static_cast<long>(values.size() / 2),
+                     values.end());
+    return values[values.size() / 2];
+}
+
+/// One load on one server, round by round.
 template <class Server>
-double cpuDuring(const Server& server, Load& load, uint32_t perConnection) {
-    const double before = server.cpu();
-    load.run(perConnection);
-    return server.cpu() - before;
+struct Lane {
+    Lane(const Server& aServer, uint32_t connections, uint32_t perConnection)
+        : server(aServer), load(server.addr(), connections), requests(perConnection) {
+        load.run(10);  // accepted connections and first-time storage are not what is measured
+    }
+    void round() {
+        const double before = server.cpu();
+        rates.push_back(load.run(requests));
+        cpu.push_back(server.cpu() - before);
+    }
+
+    const Server& server;
+    Load load;
+    const uint32_t requests;
+    std::vector<double> rates;
+    std::vector<double> cpu;
+};
+
+/// The median of the ratios within each round: a busy machine troubles both sides of a round.
+double medianRatio(const std::vector<double>& over, const std::vector<double>& under) {
+    std::vector<double> ratios;
+    for (size_t i = 0; i < over.size(); ++i) {
+        ratios.push_back(over[i] / under[i]);
+    }
+    return median(std::move(ratios));
 }
 
 void echo(benchmark::State& state, int family) {
     allowManyDescriptors();
     const OrbelServer orbel(family);
     const EpollServer epoll(family);
-    Load orbelFew(orbel.addr(), 64);
-    Load epollFew(epoll.addr(), 64);
-    Load orbelMany(orbel.addr(), 1000);
-    Load epollMany(epoll.addr(), 1000);
-    for (Load* load : {&orbelFew, &epollFew, &orbelMany, &epollMany}) {
-        load->warmUp();
-    }
-    double orbelCpu = 0;
-    double epollCpu = 0;
+    Lane<OrbelServer> orbelFew(orbel, 64, 48);
+    Lane<EpollServer> epollFew(epoll, 64, 48);
+    Lane<OrbelServer> orbelMany(orbel, 1000, 3);
+    Lane<EpollServer> epollMany(epoll, 1000, 3);
+    bool swap = false;  // who goes first takes turns too
     for (auto _ : state) {
-        epollCpu += cpuDuring(epoll, epollFew, 100);
-        orbelCpu += cpuDuring(orbel, orbelFew, 100);
-        orbelMany.run(10);
-        epollMany.run(10);
+        swap ? epollFew.round() : orbelFew.round();
+        swap ? orbelFew.round() : epollFew.round();
+        swap ? epollMany.round() : orbelMany.round();
+        swap ? orbelMany.round() : epollMany.round();
+        swap = !swap;
     }
-    state.counters["orbel_64"] = orbelFew.rate();
-    state.counters["epoll_64"] = epollFew.rate();
-    state.counters["orbel_1000"] = orbelMany.rate();
-    state.counters["epoll_1000"] = epollMany.rate();
-    state.counters["rate_vs_epoll"] = orbelFew.rate() / epollFew.rate();
-    state.counters["rate_vs_epoll_1000"] = orbelMany.rate() / epollMany.rate();
-    state.counters["cost_of_1000"] = orbelFew.rate() / orbelMany.rate();
-    state.counters["cpu_vs_epoll"] =
-        (orbelCpu / orbelFew.requests()) / (epollCpu / epollFew.requests());
+    state.counters["orbel_64"] = median(orbelFew.rates);
+    state.counters["epoll_64"] = median(epollFew.rates);
+    state.counters["orbel_1000"] = median(orbelMany.rates);
+    state.counters["epoll_1000"] = median(epollMany.rates);
+    state.counters["rate_vs_epoll"] = medianRatio(orbelFew.rates, epollFew.rates);
+    state.counters["rate_vs_epoll_1000"] = medianRatio(orbelMany.rates, epollMany.rates);
+    state.counters["cost_of_1000"] = medianRatio(orbelFew.rates, orbelMany.rates);
+    state.counters["epoll_cost_of_1000"] = medianRatio(epollFew.rates, epollMany.rates);
+    state.counters["cpu_vs_epoll"] = medianRatio(orbelFew.cpu, epollFew.cpu);
 }
 BENCHMARK_CAPTURE(echo, tcp, AF_INET)->UseRealTime()->MinTime(3)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(echo, unix, AF_UNIX)->UseRealTime()->MinTime(3)->Unit(benchmark::kMillisecond);
