@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -22,7 +24,12 @@ inline bool succeeded(int result, const char* what) {
     return result >= 0;
 }
 
-/// Sets errno and answers false, for refusals before any system call.
+/// Sets errno and answers -1 or false, for refusals before any system call.
+inline ssize_t fail(int error) {
+    errno = error;
+    return -1;
+}
+
 inline bool refuse(int error) {
     errno = error;
     return false;

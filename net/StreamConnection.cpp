@@ -6,16 +6,12 @@
 #include "Vantel/Orbel/PlainStreamTransport.h"
 #include "Vantel/Orbel/StreamSocket.h"
 #include "frame/base/Assert.h"
+#include "net/SocketError.h"
 #include "net/StreamConnectionInternal.h"
 
 namespace Vantel::Orbel {
 
 namespace {
-
-ssize_t fail(int error) {
-    errno = error;
-    return -1;
-}
 
 ssize_t failWith(const TransportResult& result) {
     return fail(result.error != 0 ? result.error : EAGAIN);
@@ -24,10 +20,10 @@ ssize_t failWith(const TransportResult& result) {
 bool askAddress(int (*call)(int, sockaddr*, socklen_t*), int fd, sockaddr_storage* addr,
                 unsigned* length) {
     if (addr == nullptr || length == nullptr || *length < sizeof(sockaddr_storage)) {
-        return fail(EINVAL) == 0;
+        return refuse(EINVAL);
     }
     if (fd < 0) {
-        return fail(ENOTCONN) == 0;
+        return refuse(ENOTCONN);
     }
     return call(fd, reinterpret_cast<sockaddr*>(addr), length) == 0;
 }

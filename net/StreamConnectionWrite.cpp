@@ -5,7 +5,7 @@
 #include <limits>
 
 #include "frame/base/Assert.h"
-#include "frame/base/Log.h"
+#include "net/SocketError.h"
 #include "net/StreamConnectionInternal.h"
 
 namespace Vantel::Orbel {
@@ -13,11 +13,6 @@ namespace Vantel::Orbel {
 namespace {
 
 constexpr unsigned kWritesPerEvent = 16;
-
-ssize_t fail(int error) {
-    errno = error;
-    return -1;
-}
 
 /// The sum of the lengths, or -1 with errno.
 ssize_t totalLength(const iovec* vectors, int count) {

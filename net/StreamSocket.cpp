@@ -2,7 +2,7 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
+#include <chrono>
 #include <thread>
 
 #include "Vantel/Orbel/InetAddress.h"
@@ -17,11 +17,6 @@ constexpr size_t kMaxTransfer = 0x7FFFFFFF;
 
 int creationType(bool nonBlocking) {
     return SOCK_STREAM | SOCK_CLOEXEC | (nonBlocking ? SOCK_NONBLOCK : 0);
-}
-
-ssize_t fail(int error) {
-    errno = error;
-    return -1;
 }
 
 bool badBuffer(int fd, const void* buffer, size_t length) {

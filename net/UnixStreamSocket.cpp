@@ -105,8 +105,7 @@ ssize_t UnixStreamSocket::sendWithFds(const void* buffer, size_t length, const i
                                       size_t fdCount, int flags) {
     if (fd() < 0 || (buffer == nullptr && length > 0) || (fds == nullptr && fdCount > 0) ||
         (fdCount > 0 && length == 0) || fdCount > kMaxPassedDescriptors) {
-        errno = EINVAL;
-        return -1;
+        return fail(EINVAL);
     }
     iovec vector{const_cast<void*>(buffer), length};
     DescriptorControl<kMaxPassedDescriptors> control;
@@ -123,8 +122,7 @@ ssize_t UnixStreamSocket::recvWithFds(void* buffer, size_t length, int* fds, siz
                                       size_t* fdCount, int flags) {
     store(fdCount, size_t{0});
     if (fd() < 0 || (buffer == nullptr && length > 0) || (fds == nullptr && maxFds > 0)) {
-        errno = EINVAL;
-        return -1;
+        return fail(EINVAL);
     }
     iovec vector{buffer, length};
     DescriptorControl<kMaxPassedDescriptors> control;
@@ -150,8 +148,7 @@ ssize_t UnixStreamSocket::recvWithFds(void* buffer, size_t length, int* fds, siz
         for (size_t i = 0; i < taken; ++i) {
             UniqueFd dropped(std::exchange(fds[i], -1));
         }
-        errno = EMSGSIZE;
-        return -1;
+        return fail(EMSGSIZE);
     }
     store(fdCount, taken);
     return received;
@@ -170,8 +167,7 @@ ssize_t UnixStreamSocket::sendFd(int descriptor, const void* buffer, size_t leng
 
 ssize_t UnixStreamSocket::recvFd(int* descriptor, void* buffer, size_t length) {
     if (descriptor == nullptr) {
-        errno = EINVAL;
-        return -1;
+        return fail(EINVAL);
     }
     *descriptor = -1;
     return recvWithFds(buffer, length, descriptor, 1, nullptr, 0);
