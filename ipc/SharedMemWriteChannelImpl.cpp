@@ -48,17 +48,23 @@ bool SharedMemWriteChannelImpl::open(const std::function<ReleaseCallback>& callb
         ORBEL_LOG_ERROR("writer channel %s status shared memory is null\n", mName.c_str());
         return false;
     }
-    auto stored =
-        callback ? std::make_shared<const std::function<ReleaseCallback>>(callback) : nullptr;
-    {
-        std::lock_guard<std::mutex> guard(mCallbackMutex);
-        mReleaseCallback.swap(stored);
-    }
+    storeCallback(callback);
     if (!registerWriter()) {
         ORBEL_LOG_ERROR("register writer %s failed\n", mName.c_str());
         return false;
     }
     return true;
+}
+
+void SharedMemWriteChannelImpl::storeCallback(const std::function<ReleaseCallback>& callback) {
+    std::lock_guard<std::mutex> guard(mCallbackMutex);
+    const std::function<ReleaseCallback>* stored = nullptr;
+    if (callback) {
+        mCallbacks.push_back(std::make_unique<const std::function<ReleaseCallback>>(callback));
+        stored = mCallbacks.back().get();
+    }
+    // Releases what it points at to the acquire in runReleaseCallback().
+    mReleaseCallback.store(stored, std::memory_order_release);
 }
 
 bool SharedMemWriteChannelImpl::close() {

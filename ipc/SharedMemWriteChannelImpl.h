@@ -1,9 +1,11 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "Vantel/Orbel/SharedMemWriteChannel.h"
 #include "ipc/SharedMemChannel.h"
@@ -79,12 +81,16 @@ private:
     /// Nobody could be told: the block is the writer's again, as before the commit.
     void takeBack(SharedMemWriterBuffer& sample, SharedMemPool& pool);
 
+    void storeCallback(const std::function<ReleaseCallback>& callback);
     void runReleaseCallback(BlockHeader& header, unsigned char* data);
     /// What the pool would do: the domain was left, but the block lives on in the segment.
     static void freeByHand(BlockHeader& header, unsigned long sequence);
 
-    std::mutex mCallbackMutex;  ///< over mReleaseCallback
-    std::shared_ptr<const std::function<ReleaseCallback>> mReleaseCallback;
+    /// The last of mCallbacks, or null. What it has pointed at once stays until the channel dies,
+    /// so that giving a block back takes no lock.
+    std::atomic<const std::function<ReleaseCallback>*> mReleaseCallback{nullptr};
+    std::mutex mCallbackMutex;  ///< over mCallbacks
+    std::vector<std::unique_ptr<const std::function<ReleaseCallback>>> mCallbacks;
 };
 
 }  // namespace Vantel::Orbel

@@ -93,12 +93,8 @@ void SharedMemWriteChannelImpl::releaseBuffer(BlockHeader* header, unsigned char
 }
 
 void SharedMemWriteChannelImpl::runReleaseCallback(BlockHeader& header, unsigned char* data) {
-    std::shared_ptr<const std::function<ReleaseCallback>> callback;
-    {
-        std::lock_guard<std::mutex> guard(mCallbackMutex);
-        callback = mReleaseCallback;
-    }
-    if (callback) {
+    const auto* const callback = mReleaseCallback.load(std::memory_order_acquire);
+    if (callback != nullptr) {
         (*callback)(data, header.size.load(std::memory_order_relaxed), header.extraData(),
                     header.extraDataSize.load(std::memory_order_relaxed));
     }
