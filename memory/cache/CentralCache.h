@@ -1,0 +1,62 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "Vantel/Orbel/CMutex.h"
+#include "memory/cache/PageCache.h"
+#include "memory/cache/SizeClass.h"
+#include "memory/cache/Span.h"
+
+namespace Vantel::Memory {
+
+/// The spans of each size class, between the threads' caches and the page cache.
+///
+/// Threads: any; a lock a class. Objects move in chains, linked through their first words.
+class CentralCache {
+public:
+    explicit CentralCache(PageCache& pages) : mPages(pages) {}
+    static CentralCache& instance();
+
+    /// Takes up to `count` objects of a class, all from one span. Returns how many, 0 if there is
+    /// no memory; the chain begins at `first` and ends in null.
+    size_t fetch(size_t index, size_t count, void*& first);
+
+    /// Takes back the first `count` objects of the chain at `first`; returns the rest of it.
+    void* release(size_t index, void* first, size_t count);
+
+    /// Whole pages, for what is larger than any class. Null if there is no memory.
+    Span* allocatePages(uint64_t pages);
+    void releasePages(Span* span);
+
+    /// Hands all idle spans to the page cache. No lock may be held.
+    void reclaimIdle();
+
+    /// Prints the spans of a class to standard output.
+    void dump(size_t index);
+
+private:
+    // One line of the processor's cache or more each: neighbours are used by other threads.
+    struct alignas(64) Class {
+        Orbel::CMutex mutex;
+        SpanList spans;      // have objects to give, and some out
+        SpanList exhausted;  // all objects out; apart, or each fetch would walk over them
+        SpanList idle;       // no object out: pages counted as free, see PageCache
+        std::atomic<uint32_t> idleCount{0};  // size of `idle`, to be looked at without the lock
+    };
+    class ClassGuard;
+
+    // With the lock of the class held; the guard is let go of where a span moves to or from afar.
+    Span* spanWithObjects(size_t index, ClassGuard& guard);
+    Span* knownSpan(Class& spans);
+    static size_t takeObjects(Class& spans, Span* span, size_t count, void*& first);
+    static void* putObjects(Span* span, void* first, size_t& count);
+    void emptied(Class& spans, Span* span, ClassGuard& guard);
+    static Span* takeIdle(Class& spans);
+
+    PageCache& mPages;
+    Class mClasses[SizeClass::kFreeLists];
+};
+
+}  // namespace Vantel::Memory

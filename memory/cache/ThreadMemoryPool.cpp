@@ -1,0 +1,136 @@
+#include "memory/cache/ThreadMemoryPool.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "frame/base/Log.h"
+#include "memory/cache/CentralCache.h"
+#include "memory/cache/PageCache.h"
+#include "memory/cache/ThreadCacheManager.h"
+
+namespace Vantel::Memory {
+
+namespace {
+
+constexpr size_t kLargest = std::numeric_limits<size_t>::max() - kPageSize;
+
+uint64_t pageOf(const void* block) {
+    return reinterpret_cast<uintptr_t>(block) >> kPageShift;
+}
+
+/// The map's entry of a block; a block that never was one ends the process.
+PageEntry entryOf(const void* block) {
+    const PageEntry entry = PageCache::instance().map().get(pageOf(block));
+    if (entry.span() == nullptr) {
+        ORBEL_LOG_FATAL("invalid object address %p, pageId = %ld\n", block,
+                        static_cast<long>(pageOf(block)));
+        std::abort();
+    }
+    return entry;
+}
+
+void* allocateLarge(size_t size) {
+    if (size > kLargest) {
+        return nullptr;
+    }
+    const uint64_t pages = (size + kPageSize - 1) >> kPageShift;
+    Span* span = CentralCache::instance().allocatePages(pages);
+    if (span == nullptr) {
+        return nullptr;
+    }
+    span->cut(span->bytes());
+    span->uncut = 0;
+    span->useCount = 1;
+    return span->start();
+}
+
+}  // namespace
+
+void* ThreadMemoryPool::allocate(size_t size) {
+    ThreadCacheNode* node = currentNode;
+    if (size <= SizeClass::kMaxThreadSize && node != nullptr) [[likely]] {
+        void* object = node->cache.pop(SizeClass::threadIndex(size));
+        if (object != nullptr) [[likely]] {
+            return object;
+        }
+    }
+    return allocateSlowly(size);
+}
+
+void* ThreadMemoryPool::allocateSlowly(size_t size) {
+    size = std::max<size_t>(size, 1);
+    if (size > SizeClass::kMaxSize) {
+        return allocateLarge(size);
+    }
+    ThreadCacheNode* node = ThreadCacheManager::instance().node();
+    if (node == nullptr) {
+        return nullptr;
+    }
+    const size_t index = SizeClass::index(size);
+    void* object = index < SizeClass::kThreadLists ? node->cache.pop(index) : nullptr;
+    return object != nullptr ? object : node->cache.fetchFromCentralCache(index, size);
+}
+
+void ThreadMemoryPool::deallocate(void* block) {
+    ThreadCacheNode* node = currentNode;
+    const auto address = reinterpret_cast<uintptr_t>(block);
+    if (node != nullptr && address >> PageMap::kLeafShift == node->leafIndex) [[likely]] {
+        // Tag 0, which is no class, becomes the largest index.
+        const uint64_t index = node->leaf->get(address >> kPageShift).tag() - 1;
+        if (index < SizeClass::kThreadLists) [[likely]] {
+            node->cache.push(index, block);
+            return;
+        }
+    }
+    deallocateSlowly(block);
+}
+
+void ThreadMemoryPool::deallocateSlowly(void* block) {
+    if (block == nullptr) {
+        return;
+    }
+    const PageEntry entry = entryOf(block);
+    if (entry.tag() == 0) {
+        Span* span = entry.span();
+        --span->useCount;
+        CentralCache::instance().releasePages(span);
+        return;
+    }
+    const size_t index = entry.tag() - 1;
+    // A thread may free without having allocated; the object can do without a node.
+    ThreadCacheNode* node =
+        index < SizeClass::kThreadLists ? ThreadCacheManager::instance().node() : nullptr;
+    if (node == nullptr) {
+        nextObject(block) = nullptr;
+        CentralCache::instance().release(index, block, 1);
+        return;
+    }
+    node->leafIndex = reinterpret_cast<uintptr_t>(block) >> PageMap::kLeafShift;
+    node->leaf = PageCache::instance().map().leafOf(pageOf(block));
+    node->cache.push(index, block);
+}
+
+void* ThreadMemoryPool::reallocate(void* block, size_t size) {
+    if (block == nullptr) {
+        return allocate(size);
+    }
+    if (size == 0) {
+        deallocate(block);
+        return nullptr;
+    }
+    const uint64_t capacity = entryOf(block).span()->objSize;
+    if (size >= capacity / 2 && size <= capacity) {
+        return block;
+    }
+    void* moved = allocate(size);
+    if (moved != nullptr) {
+        std::memcpy(moved, block, std::min(capacity, size));
+        deallocate(block);
+    }
+    return moved;
+}
+
+}  // namespace Vantel::Memory
