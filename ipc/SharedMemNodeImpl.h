@@ -51,6 +51,8 @@ public:
     /// Sends a message to another node through the domain's proxy for it.
     bool notifyReader(unsigned long readerId, PipeMessage& message);
     bool notifyWriter(unsigned long writerId, PipeMessage& message);
+    /// `count` messages in one send.
+    bool sendToWriter(unsigned long writerId, const PipeMessage* messages, size_t count);
 
     /// Hands a message to the channel that it names; false if there is none or it refuses. The
     /// descriptor of a data-ready message is the channel's after true, closed after false.

@@ -5,6 +5,7 @@
 #include "Vantel/Orbel/UnixStreamSocket.h"
 #include "frame/base/Log.h"
 #include "frame/base/UniqueFd.h"
+#include "ipc/FinishBatch.h"
 #include "ipc/SharedDomainImpl.h"
 #include "ipc/SharedMemNodeImpl.h"
 #include "ipc/SharedMemReadChannelImpl.h"
@@ -34,8 +35,11 @@ int SharedMemNodeImpl::handleMessage(const std::shared_ptr<StreamConnection>& co
         if (count < 1) {
             return handledBytes > 0 ? handledBytes : count;
         }
-        for (int i = 0; i < count; ++i) {
-            handleOne(messages[i]);
+        {
+            FinishBatch finishes(*this);
+            for (int i = 0; i < count; ++i) {
+                handleOne(messages[i]);
+            }
         }
         handledBytes += count * static_cast<int>(sizeof(PipeMessage));
         if (count < static_cast<int>(PipeReceiver::kBatch)) {
@@ -118,6 +122,15 @@ bool SharedMemNodeImpl::notifyReader(unsigned long readerId, PipeMessage& messag
 }
 
 bool SharedMemNodeImpl::notifyWriter(unsigned long writerId, PipeMessage& message) {
+    if (FinishBatch* const batch = FinishBatch::of(*this)) {
+        batch->add(message);
+        return true;
+    }
+    return sendToWriter(writerId, &message, 1);
+}
+
+bool SharedMemNodeImpl::sendToWriter(unsigned long writerId, const PipeMessage* messages,
+                                     size_t count) {
     const auto domain = mDomain.lock();
     if (domain == nullptr) {
         return false;
@@ -127,12 +140,14 @@ bool SharedMemNodeImpl::notifyWriter(unsigned long writerId, PipeMessage& messag
         ORBEL_LOG_ERROR("Failed to get writer proxy for writerId %lu\n", writerId);
         return false;
     }
-    if (!proxy->writeMessage(message)) {
-        ORBEL_LOG_ERROR("Failed to notify write [%s], writerId %lu for block %d\n", proxy->name(),
-                        writerId, static_cast<int>(message.blockIndex()));
-        return false;
+    if (proxy->writeMessages(messages, count)) {
+        return true;
     }
-    return true;
+    for (size_t i = 0; i < count; ++i) {
+        ORBEL_LOG_ERROR("Failed to notify write [%s], writerId %lu for block %d\n", proxy->name(),
+                        writerId, static_cast<int>(messages[i].blockIndex()));
+    }
+    return false;
 }
 
 }  // namespace Vantel::Orbel

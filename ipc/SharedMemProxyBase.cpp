@@ -102,6 +102,22 @@ bool SharedMemProxyBase::connect() {
 }
 
 bool SharedMemProxyBase::writeMessage(const PipeMessage& message) {
+    if (message.fd < 0) {
+        return writeMessages(&message, 1);
+    }
+    return write([&](UnixStreamSocket& socket) { return sendWithDescriptor(socket, message); });
+}
+
+bool SharedMemProxyBase::writeMessages(const PipeMessage* messages, size_t count) {
+    const size_t bytes = count * sizeof *messages;
+    return write([&](UnixStreamSocket& socket) {
+        return socket.sendAll(messages, bytes, MSG_DONTWAIT, kSendTimeoutMs) ==
+               static_cast<ssize_t>(bytes);
+    });
+}
+
+template <class Send>
+bool SharedMemProxyBase::write(Send&& send) {
     const Guard<PrioMutex> guard(mMutex);
     const auto connection = mClient == nullptr ? nullptr : mClient->connection();
     if (connection == nullptr) {
@@ -119,16 +135,13 @@ bool SharedMemProxyBase::writeMessage(const PipeMessage& message) {
         errno = EINVAL;
         return false;
     }
-    const bool sent = message.fd < 0
-                          ? socket->sendAll(&message, sizeof message, MSG_DONTWAIT,
-                                            kSendTimeoutMs) == static_cast<ssize_t>(sizeof message)
-                          : sendWithDescriptor(*socket, message);
-    if (!sent) {
-        const int error = errno;
-        connection->forceClose();  // the stream may be out of step; the client connects again
-        errno = error;
+    if (send(*socket)) {
+        return true;
     }
-    return sent;
+    const int error = errno;
+    connection->forceClose();  // the stream may be out of step; the client connects again
+    errno = error;
+    return false;
 }
 
 void SharedMemProxyBase::close() {

@@ -41,11 +41,16 @@ public:
     /// Sends one message. A peer that does not take it within 10 ms, or any other failure to send,
     /// loses the connection: the stream may be out of step. False with errno set.
     bool writeMessage(const PipeMessage& message);
+    /// The same for up to 16 messages without descriptors, in one send.
+    bool writeMessages(const PipeMessage* messages, size_t count);
 
     /// Ends the connection for good: every later writeMessage() fails with ENOTCONN.
     void close();
 
 private:
+    template <class Send>
+    bool write(Send&& send);
+
     const NodeEntry mNode;
     const std::string mDomainName;
     PrioMutex mMutex;  // two records must not interleave on the stream; also guards mClient
