@@ -71,4 +71,5 @@ endforeach()
 # builds add symbols of their own and are not installed.
 if(NOT CMAKE_BUILD_TYPE MATCHES "^(Asan|Tsan)$")
     add_test(NAME install COMMAND ${PROJECT_SOURCE_DIR}/tests/install/install_test.sh ${PROJECT_BINARY_DIR})
+    add_test(NAME exports COMMAND ${PROJECT_SOURCE_DIR}/tests/install/exports_test.sh $<TARGET_FILE:orbel>)
 endif()

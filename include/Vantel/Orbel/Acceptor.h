@@ -48,7 +48,7 @@ public:
     const InetAddress& listenAddr() const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     std::unique_ptr<Internal> mInternal;
 };

@@ -48,7 +48,7 @@ public:
     int seek(int offset, int whence);
 
 private:
-    struct State;
+    struct ORBEL_LOCAL State;
     void release();
 
     State* mState;

@@ -22,7 +22,7 @@ public:
     bool broadcast();
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     Internal* mInternal;
 };

@@ -43,7 +43,7 @@ public:
     void clear();
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     Internal* mInternal;
 };

@@ -25,7 +25,7 @@ public:
     bool getValue(void** value) const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     Internal* mInternal;
 };

@@ -72,7 +72,7 @@ public:
     std::string eventsToString() const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
     bool changeEvents(uint32_t events);
 
     std::unique_ptr<Internal> mInternal;

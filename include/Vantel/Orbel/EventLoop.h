@@ -118,7 +118,7 @@ public:
     bool resetTimer(unsigned long id);
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
     friend class StopInLoop;
 
     std::unique_ptr<Internal> mInternal;

@@ -48,7 +48,7 @@ public:
     const std::string& name() const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     std::unique_ptr<Internal> mInternal;
 };

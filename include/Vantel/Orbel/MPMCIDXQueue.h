@@ -45,7 +45,7 @@ public:
     int capacity() const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
     std::unique_ptr<Internal> mInternal;
 };
 

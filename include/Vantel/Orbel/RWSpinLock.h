@@ -28,7 +28,7 @@ public:
     void leaveWriting();
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     Internal* mInternal;
 };

@@ -89,7 +89,7 @@ public:
     virtual bool checkServerAddress(const InetAddress& addr) const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     std::shared_ptr<Internal> mInternal;  // tasks in the loop refer to it weakly
 };

@@ -154,7 +154,7 @@ public:
     bool hasContext() const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     std::unique_ptr<Internal> mInternal;
 };

@@ -56,7 +56,7 @@ public:
     InetAddress serverAddr() const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     std::shared_ptr<Internal> mInternal;  // its own callbacks hold it while they run
 };

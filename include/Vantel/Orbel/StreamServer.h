@@ -96,7 +96,7 @@ public:
     virtual bool checkListenAddress(const InetAddress& addr) const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     std::shared_ptr<Internal> mInternal;  // tasks in the loops refer to it weakly
 };
