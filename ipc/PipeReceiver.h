@@ -27,12 +27,16 @@ public:
     int receive(int fd, PipeMessage* messages, unsigned int count);
 
 private:
-    int checkBatch(PipeMessage* messages, int received);
+    int receivePlain(int fd, PipeMessage* messages, unsigned int count);
+    int receiveEach(int fd, PipeMessage* messages, unsigned int first, unsigned int count);
+    int checkBatch(PipeMessage* messages, unsigned int first, int received);
 
     /// Room for one descriptor; alignment makes it room for two, of which the second is closed.
     using Control = DescriptorControl<1>;
     static_assert(sizeof(Control) == 24);
 
+    msghdr mPlainHeader;
+    iovec mPlainVector;
     mmsghdr mHeaders[kBatch];
     iovec mVectors[kBatch];
     Control mControls[kBatch];
