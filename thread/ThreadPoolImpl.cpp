@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "Vantel/Orbel/CMutex.h"
-#include "Vantel/Orbel/CSemaphore.h"
 #include "Vantel/Orbel/CThreadLite.h"
+#include "Vantel/Orbel/SpinSem.h"
 #include "frame/base/Guard.h"
 #include "frame/base/Log.h"
 
@@ -36,7 +36,9 @@ public:
     std::atomic<int> mIdleCount{0};    // not running a task
     const std::string mName;
     CMutex mMutex;
-    CSemaphore mSem{0};
+    // A woken thread takes no lock in it: one that waits on a condition would at once meet the
+    // mutex that its waker still holds. No spinning: a pool's thread may share its core.
+    SpinSem mSem{0, 0};
     std::vector<CThreadLite*> mThreads;
     std::deque<IThreadTask*> mQueue;
 
@@ -56,14 +58,14 @@ bool ThreadPoolImpl::Internal::post(IThreadTask* task) {
         }
         mQueue.push_back(task);
     }
-    mSem.post(0);
+    mSem.post(1);
     return true;
 }
 
 void ThreadPoolImpl::Internal::threadProc(CThreadLite& thread) {
-    constexpr uint32_t kLookMs = 500;
+    constexpr long kLookUs = 500'000;
     do {
-        mSem.pend(kLookMs);
+        mSem.wait(kLookUs);
         while (runFront() && thread.looping()) {
         }
     } while (thread.looping());
@@ -108,7 +110,7 @@ void ThreadPoolImpl::Internal::endThreads() {
         thread->cancelThread();
     }
     for (size_t i = 0; i < mThreads.size(); ++i) {
-        mSem.post(0);  // an idle one need not sleep its half second out
+        mSem.post(1);  // an idle one need not sleep its half second out
     }
     for (;;) {
         for (CThreadLite*& thread : mThreads) {
