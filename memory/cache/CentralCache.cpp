@@ -43,11 +43,19 @@ private:
     Orbel::CMutex& mMutex;
 };
 
-size_t CentralCache::fetch(size_t index, size_t count, void*& first) {
+size_t CentralCache::fetch(size_t index, size_t count, void** objects) {
     Class& spans = mClasses[index];
     ClassGuard guard(spans);
     Span* span = spanWithObjects(index, guard);
-    return span == nullptr ? 0 : takeObjects(spans, span, count, first);
+    if (span == nullptr) {
+        return 0;
+    }
+    const size_t taken = span->take(count, objects);
+    if (span->exhausted()) {
+        spans.spans.erase(span);
+        spans.exhausted.pushFront(span);
+    }
+    return taken;
 }
 
 /// The front of the class's spans, filled up if there was none; null if there is no memory.
@@ -58,7 +66,7 @@ Span* CentralCache::spanWithObjects(size_t index, ClassGuard& guard) {
     }
     const size_t size = SizeClass::size(index);
     const size_t pages = SizeClass::spanPages(size);
-    const bool nothingIdle = mPages.idlePages() == 0;
+    const bool nothingIdle = mPages.reservedPages() == 0;
     Span* span = mPages.allocate(pages, tagOf(index), nothingIdle);
     if (span == nullptr && !nothingIdle) {
         guard.leave();  // reclaiming takes the locks of all classes, one by one
@@ -82,50 +90,18 @@ Span* CentralCache::knownSpan(Class& spans) {
         if (spans.idle.empty()) {
             return nullptr;
         }
-        Span* span = takeIdle(spans);
-        mPages.useIdle(span->pageCount);
-        spans.spans.pushFront(span);
+        spans.spans.pushFront(takeIdle(spans));
     }
     return spans.spans.front();
 }
 
-/// First those that came back, then fresh ones from the end of the span downwards.
-size_t CentralCache::takeObjects(Class& spans, Span* span, size_t count, void*& first) {
-    size_t taken = 0;
-    void** link = &first;
-    while (taken < count && span->freeList != nullptr) {
-        *link = span->freeList;
-        link = &nextObject(span->freeList);
-        span->freeList = *link;
-        ++taken;
-    }
-    for (; taken < count && span->uncut > 0; ++taken) {
-        --span->uncut;
-        *link = span->start() + span->uncut * span->objSize;
-        link = &nextObject(*link);
-    }
-    *link = nullptr;
-    span->useCount += taken;
-    if (span->exhausted()) {
-        spans.spans.erase(span);
-        spans.exhausted.pushFront(span);
-    }
-    return taken;
-}
-
-void* CentralCache::release(size_t index, void* first, size_t count) {
+void CentralCache::release(size_t index, void* const* objects, size_t count) {
     Class& spans = mClasses[index];
     ClassGuard guard(spans);
-    while (count > 0) {
-        const uint64_t page = reinterpret_cast<uintptr_t>(first) >> kPageShift;
-        Span* span = mPages.map().get(page).span();
-        if (span == nullptr) {
-            ORBEL_LOG_FATAL("invalid object address %p, pageId = %ld\n", first,
-                            static_cast<long>(page));
-            std::abort();
-        }
+    for (size_t i = 0; i < count;) {
+        Span* span = spanOf(objects[i]);
         SpanList& list = span->exhausted() ? spans.exhausted : spans.spans;
-        first = putObjects(span, first, count);
+        i += span->put(objects + i, count - i);
         if (span->useCount == 0) {
             list.erase(span);
             emptied(spans, span, guard);
@@ -134,49 +110,52 @@ void* CentralCache::release(size_t index, void* first, size_t count) {
             spans.spans.pushFront(span);
         }
     }
-    return first;
 }
 
-/// Puts those objects of the chain that come first and are of `span` back into it, at once.
-/// Lowers `count` by them; the rest of the chain.
-void* CentralCache::putObjects(Span* span, void* first, size_t& count) {
-    void* last = first;
-    void* rest = nextObject(last);
-    uint64_t run = 1;
-    while (run < count && span->contains(rest)) {
-        last = rest;
-        rest = nextObject(last);
-        ++run;
+/// The span of an object; an address that never was one ends the process.
+Span* CentralCache::spanOf(const void* object) {
+    const uint64_t page = reinterpret_cast<uintptr_t>(object) >> kPageShift;
+    Span* span = mPages.map().get(page).span();
+    if (span == nullptr) {
+        ORBEL_LOG_FATAL("invalid object address %p, pageId = %ld\n", object,
+                        static_cast<long>(page));
+        std::abort();
     }
-    nextObject(last) = span->freeList;
-    span->freeList = first;
-    span->useCount -= run;
-    count -= run;
-    return rest;
+    return span;
 }
 
 /// `span` is on no list.
 void CentralCache::emptied(Class& spans, Span* span, ClassGuard& guard) {
-    span->recut();
-    if (mPages.keepIdle(span->pageCount)) {
-        spans.idle.pushFront(span);
-        spans.idleCount.fetch_add(1, std::memory_order_relaxed);
-        return;
+    if (!keepIdle(spans, span)) {
+        guard.leave();
+        releasePages(span);
+        guard.enter();
     }
-    guard.leave();
-    releasePages(span);
-    guard.enter();
+}
+
+bool CentralCache::keepIdle(Class& spans, Span* span) {
+    const uint64_t reserved = spans.reservedPages.load(std::memory_order_relaxed);
+    const uint64_t pages = span->pageCount;
+    if (spans.idlePages + pages > reserved) {
+        if (!mPages.reserveIdle(pages)) {
+            return false;
+        }
+        spans.reservedPages.store(reserved + pages, std::memory_order_relaxed);
+    }
+    spans.idlePages += pages;
+    spans.idle.pushFront(span);
+    return true;
 }
 
 Span* CentralCache::takeIdle(Class& spans) {
     Span* span = spans.idle.front();
     spans.idle.erase(span);
-    spans.idleCount.fetch_sub(1, std::memory_order_relaxed);
+    spans.idlePages -= span->pageCount;
     return span;
 }
 
 Span* CentralCache::allocatePages(uint64_t pages) {
-    const bool nothingIdle = mPages.idlePages() == 0;
+    const bool nothingIdle = mPages.reservedPages() == 0;
     Span* span = mPages.allocate(pages, 0, nothingIdle);
     if (span == nullptr && !nothingIdle) {
         reclaimIdle();
@@ -186,7 +165,8 @@ Span* CentralCache::allocatePages(uint64_t pages) {
 }
 
 void CentralCache::releasePages(Span* span) {
-    if (mPages.idlePages() != 0 && mPages.aboveThreshold(span->pageCount)) {
+    mPages.addFree(span->pageCount);
+    if (mPages.reservedPages() != 0 && mPages.aboveThreshold()) {
         reclaimIdle();  // an idle span would keep its region from being whole
     }
     mPages.release(span);
@@ -194,10 +174,11 @@ void CentralCache::releasePages(Span* span) {
 
 void CentralCache::reclaimIdle() {
     for (Class& spans : mClasses) {
-        if (spans.idleCount.load(std::memory_order_relaxed) == 0) {
+        if (spans.reservedPages.load(std::memory_order_relaxed) == 0) {
             continue;
         }
         ClassGuard guard(spans);
+        mPages.unreserveIdle(spans.reservedPages.exchange(0, std::memory_order_relaxed));
         while (!spans.idle.empty()) {
             mPages.releaseIdle(takeIdle(spans));
         }

@@ -13,24 +13,24 @@ namespace Vantel::Memory {
 
 /// The spans of each size class, between the threads' caches and the page cache.
 ///
-/// Threads: any; a lock a class. Objects move in chains, linked through their first words.
+/// Threads: any; a lock a class.
 class CentralCache {
 public:
     explicit CentralCache(PageCache& pages) : mPages(pages) {}
     static CentralCache& instance();
 
     /// Takes up to `count` objects of a class, all from one span. Returns how many, 0 if there is
-    /// no memory; the chain begins at `first` and ends in null.
-    size_t fetch(size_t index, size_t count, void*& first);
+    /// no memory.
+    size_t fetch(size_t index, size_t count, void** objects);
 
-    /// Takes back the first `count` objects of the chain at `first`; returns the rest of it.
-    void* release(size_t index, void* first, size_t count);
+    /// Takes `count` objects of a class back.
+    void release(size_t index, void* const* objects, size_t count);
 
     /// Whole pages, for what is larger than any class. Null if there is no memory.
     Span* allocatePages(uint64_t pages);
     void releasePages(Span* span);
 
-    /// Hands all idle spans to the page cache. No lock may be held.
+    /// Hands all idle spans to the page cache, and drops the reservations. No lock may be held.
     void reclaimIdle();
 
     /// Prints the spans of a class to standard output.
@@ -42,17 +42,19 @@ private:
         Orbel::CMutex mutex;
         SpanList spans;      // have objects to give, and some out
         SpanList exhausted;  // all objects out; apart, or each fetch would walk over them
-        SpanList idle;       // no object out: pages counted as free, see PageCache
-        std::atomic<uint32_t> idleCount{0};  // size of `idle`, to be looked at without the lock
+        SpanList idle;       // no object out: free pages, see PageCache
+        uint64_t idlePages = 0;
+        // At least idlePages. Atomic to be looked at without the lock; written only with it.
+        std::atomic<uint64_t> reservedPages{0};
     };
     class ClassGuard;
 
     // With the lock of the class held; the guard is let go of where a span moves to or from afar.
     Span* spanWithObjects(size_t index, ClassGuard& guard);
     Span* knownSpan(Class& spans);
-    static size_t takeObjects(Class& spans, Span* span, size_t count, void*& first);
-    static void* putObjects(Span* span, void* first, size_t& count);
+    Span* spanOf(const void* object);
     void emptied(Class& spans, Span* span, ClassGuard& guard);
+    bool keepIdle(Class& spans, Span* span);
     static Span* takeIdle(Class& spans);
 
     PageCache& mPages;

@@ -52,8 +52,11 @@ Span* PageCache::allocateLocked(uint64_t pages, uint8_t tag, bool mayMap) {
 /// `span` is on no list; what is left of it goes on one.
 Span* PageCache::split(Span* span, uint64_t pages, uint8_t tag) {
     if (span->pageCount == pages) {
+        // A whole fresh region is not taken off the count of free pages, on purpose: that stays
+        // too high until the region is unmapped.
         span->inUse = true;
-        return span;  // the count is not lowered on this path, on purpose: it stays too high
+        span->overcounted = true;
+        return span;
     }
     Span* tail = newRecord(span->pageId + span->pageCount - pages, pages, span->regionId);
     if (tail != nullptr) {
@@ -100,21 +103,20 @@ Span* PageCache::newRegion(uint64_t pages, uint8_t tag) {
 
 void PageCache::release(Span* span) {
     Guard<CMutex> guard(mMutex);
-    addFree(span->pageCount);
     if (span->pageCount > kMaxPages) {
         unmap(span);
         return;
     }
     const int edges = merge(span);
     span->inUse = false;
-    if (aboveThreshold(0) && (edges == 2 || span->pageCount == kMaxPages)) {
+    if (aboveThreshold() && (edges == 2 || span->pageCount == kMaxPages)) {
         unmap(span);
     } else {
         putOnList(span);
     }
 }
 
-bool PageCache::keepIdle(uint64_t pages) {
+bool PageCache::reserveIdle(uint64_t pages) {
     uint64_t now = freeAndIdle();
     do {
         if (static_cast<uint32_t>(now) + pages > mFreeThreshold) {
@@ -126,7 +128,7 @@ bool PageCache::keepIdle(uint64_t pages) {
 
 void PageCache::releaseIdle(Span* span) {
     Guard<CMutex> guard(mMutex);
-    mFree.fetch_sub(span->pageCount << 32, std::memory_order_relaxed);
+    addFree(span->pageCount);
     merge(span);
     span->inUse = false;
     putOnList(span);
@@ -159,6 +161,7 @@ Span* PageCache::freeNeighbour(uint64_t pageId, const Span* span, int& edges) {
 void PageCache::absorb(Span* span, Span* neighbour) {
     takeOffList(neighbour);
     span->pageCount += neighbour->pageCount;
+    span->overcounted |= neighbour->overcounted;
     for (uint64_t i = 0; i < neighbour->pageCount; ++i) {
         mMap.set(neighbour->pageId + i, PageEntry(span, span->entryTag));
     }
@@ -169,7 +172,7 @@ void PageCache::unmap(Span* span) {
     for (uint64_t i = 0; i < span->pageCount; ++i) {
         mMap.set(span->pageId + i, PageEntry());
     }
-    subFree(span->pageCount);
+    subFree(span->pageCount + (span->overcounted ? kMaxPages : 0));
     SystemMemoryAccounting::instance().freePages(span->start(), span->pageCount);
     mSpans.give(span);
 }

@@ -17,7 +17,9 @@ namespace Vantel::Memory {
 /// holds ("idle"), since a span that is emptied and filled in turn would go back and forth. Both
 /// count in freePages(). Idle pages only exist while no more than the threshold are free in all,
 /// and CentralCache takes them back before a mapping is made or let go of: what is mapped, and
-/// when, does not depend on them.
+/// when, does not depend on them. A class reserves its idle pages, and keeps the reservation when
+/// it uses them again, so that nothing shared is written in that game; freePages() may thus be too
+/// high until CentralCache takes all idle pages and reservations back.
 ///
 /// Threads: any; one lock. It may be taken with the lock of a class held, never the other way.
 class PageCache {
@@ -29,22 +31,29 @@ public:
 
     PageMap& map() { return mMap; }
     uint32_t freePages() const { return static_cast<uint32_t>(freeAndIdle()); }
-    uint32_t idlePages() const { return static_cast<uint32_t>(freeAndIdle() >> 32); }
-    bool aboveThreshold(uint64_t more) const { return freePages() + more > mFreeThreshold; }
+    uint32_t reservedPages() const { return static_cast<uint32_t>(freeAndIdle() >> 32); }
+    bool aboveThreshold() const { return freePages() > mFreeThreshold; }
 
     /// A span of `pages` whose map entries carry `tag`. Null if the lists have none, or, with
     /// `mayMap`, if the system or the page limit refuses.
     Span* allocate(uint64_t pages, uint8_t tag, bool mayMap);
 
-    /// Takes pages back, merges them with their free neighbours, and unmaps a region that is
+    /// Counts pages as free that release() is about to take. Apart from it, so that idle pages can
+    /// be taken back in between, and no new ones come.
+    void addFree(uint64_t pages) { mFree.fetch_add(pages, std::memory_order_relaxed); }
+
+    /// Takes a counted span back, merges it with its free neighbours, and unmaps a region that is
     /// whole again, if more than the threshold are free.
     void release(Span* span);
 
-    /// Counts an empty span that the central cache keeps; false if it must release() it instead.
-    bool keepIdle(uint64_t pages);
-    /// Undoes keepIdle(): the span has objects out again.
-    void useIdle(uint64_t pages) { mFree.fetch_sub(bothCounts(pages), std::memory_order_relaxed); }
-    /// Takes an idle span back. It was counted when it became idle, below the threshold.
+    /// Counts `pages` as free for a class to keep as idle; false if it must release() them.
+    bool reserveIdle(uint64_t pages);
+    /// Undoes reservations for pages that are in use now, or are the next to be releaseIdle()d.
+    void unreserveIdle(uint64_t pages) {
+        mFree.fetch_sub(bothCounts(pages), std::memory_order_relaxed);
+    }
+    /// Takes an unreserved idle span back. It was counted below the threshold, so that nothing is
+    /// unmapped for it.
     void releaseIdle(Span* span);
 
     /// Prints the lists to standard output.
@@ -58,7 +67,6 @@ public:
 private:
     static uint64_t bothCounts(uint64_t pages) { return pages | pages << 32; }
     uint64_t freeAndIdle() const { return mFree.load(std::memory_order_relaxed); }
-    void addFree(uint64_t pages) { mFree.fetch_add(pages, std::memory_order_relaxed); }
     void subFree(uint64_t pages) { mFree.fetch_sub(pages, std::memory_order_relaxed); }
 
     // All of these with the lock held.
@@ -75,7 +83,7 @@ private:
     SpanList* firstListFrom(uint64_t pages);
     void setEntries(Span* span, uint8_t tag);
 
-    // Pages in the lists in the lower half, idle ones in both halves. Relaxed: the spans
+    // Free and reserved pages in the lower half, reserved ones in the upper one. Relaxed: the spans
     // themselves are handed over under locks.
     std::atomic<uint64_t> mFree{0};
     const uint32_t mFreeThreshold;

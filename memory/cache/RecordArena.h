@@ -6,7 +6,7 @@
 #include <new>
 #include <utility>
 
-#include "memory/cache/Span.h"
+#include "memory/cache/SizeClass.h"
 #include "memory/cache/SystemMemoryAccounting.h"
 
 namespace Vantel::Memory {
@@ -21,7 +21,7 @@ public:
     /// Memory for one record, null if the system refuses.
     void* take() {
         if (mFree != nullptr) {
-            return std::exchange(mFree, nextObject(mFree));
+            return std::exchange(mFree, *static_cast<void**>(mFree));
         }
         if (mLeft == 0 && !addChunk()) {
             return nullptr;
@@ -31,7 +31,7 @@ public:
     }
 
     void give(void* record) {
-        nextObject(record) = mFree;
+        *static_cast<void**>(record) = mFree;
         mFree = record;
     }
 

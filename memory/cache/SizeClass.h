@@ -62,6 +62,9 @@ public:
         return std::max<size_t>((size * numMoveSize(size) + kPageSize - 1) >> kPageShift, 1);
     }
 
+    /// The smallest size of a class.
+    static constexpr size_t smallest(size_t index) { return index == 0 ? 1 : size(index - 1) + 1; }
+
     /// As index(), unchecked.
     static constexpr size_t rawIndex(size_t size) {
         if (size <= 128) {

@@ -36,7 +36,7 @@ private:
     ThreadCacheNode* mNodes = nullptr;
     pthread_key_t mKey{};
     bool mKeyMade = false;
-    RecordArena<ThreadCacheNode, 4> mArena;
+    RecordArena<ThreadCacheNode, 32> mArena;
 };
 
 }  // namespace Vantel::Memory

@@ -41,9 +41,7 @@ void* allocateLarge(size_t size) {
     if (span == nullptr) {
         return nullptr;
     }
-    span->cut(span->bytes());
-    span->uncut = 0;
-    span->useCount = 1;
+    span->useWhole();
     return span->start();
 }
 
@@ -104,8 +102,7 @@ void ThreadMemoryPool::deallocateSlowly(void* block) {
     ThreadCacheNode* node =
         index < SizeClass::kThreadLists ? ThreadCacheManager::instance().node() : nullptr;
     if (node == nullptr) {
-        nextObject(block) = nullptr;
-        CentralCache::instance().release(index, block, 1);
+        CentralCache::instance().release(index, &block, 1);
         return;
     }
     node->leafIndex = reinterpret_cast<uintptr_t>(block) >> PageMap::kLeafShift;

@@ -1,0 +1,339 @@
+#include "Vantel/Memory/IMemoryPool.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstring>
+#include <mutex>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "memory/cache/CentralCache.h"
+#include "memory/cache/PageCache.h"
+#include "memory/cache/SystemMemoryAccounting.h"
+#include "memory/cache/ThreadCacheManager.h"
+
+namespace {
+
+using namespace Vantel::Memory;
+
+constexpr uint32_t kThreshold = 256;
+
+uint32_t pagesInUse() {
+    return SystemMemoryAccounting::instance().pagesInUse();
+}
+
+uint64_t objectSize(const void* block) {
+    const uint64_t page = reinterpret_cast<uintptr_t>(block) >> kPageShift;
+    return PageCache::instance().map().get(page).span()->objSize;
+}
+
+/// Runs `body` in a thread that ends: what it frees goes back to the central cache.
+template <class Body>
+void inThread(Body&& body) {
+    std::thread(body).join();
+}
+
+/// A block with what the model knows of it: each byte follows from the seed.
+struct Block {
+    uint8_t* data = nullptr;
+    size_t size = 0;
+    uint8_t seed = 0;
+
+    uint8_t expected(size_t i) const { return static_cast<uint8_t>(seed + i * 7 + (i >> 8)); }
+    void fill() const {
+        for (size_t i = 0; i < size; ++i) {
+            data[i] = expected(i);
+        }
+    }
+    size_t firstWrong(size_t count) const {
+        for (size_t i = 0; i < count; ++i) {
+            if (data[i] != expected(i)) {
+                return i;
+            }
+        }
+        return count;
+    }
+};
+
+/// Random work against the model. Blocks pass between threads through slots, which all share.
+class Model {
+public:
+    void work(unsigned seed, int steps) {
+        std::mt19937 random(seed);
+        for (int step = 0; step < steps; ++step) {
+            Slot& slot = mSlots[random() % mSlots.size()];
+            std::lock_guard<std::mutex> guard(slot.mutex);
+            if (slot.block.data == nullptr) {
+                make(slot.block, random);
+            } else if (random() % 3 == 0) {
+                resize(slot.block, random);
+            } else {
+                drop(slot.block);
+            }
+        }
+    }
+
+    void dropAll() {
+        for (Slot& slot : mSlots) {
+            drop(slot.block);
+        }
+    }
+
+private:
+    struct Slot {
+        std::mutex mutex;
+        Block block;
+    };
+
+    /// 0 to 1 MiB, as often small as large.
+    static size_t randomSize(std::mt19937& random) {
+        return random() % ((size_t{1} << random() % 21) + 1);
+    }
+
+    void make(Block& block, std::mt19937& random) {
+        block.size = randomSize(random);
+        block.seed = static_cast<uint8_t>(random());
+        block.data = static_cast<uint8_t*>(mPool->allocate(block.size));
+        ASSERT_NE(block.data, nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(block.data) % 8, 0u);
+        block.fill();
+    }
+
+    void resize(Block& block, std::mt19937& random) {
+        const size_t size = randomSize(random);
+        block.data = static_cast<uint8_t*>(mPool->reallocate(block.data, size));
+        ASSERT_EQ(block.data == nullptr, size == 0);
+        const size_t kept = std::min(size, block.size);
+        EXPECT_EQ(block.firstWrong(kept), kept);
+        block.size = size;
+        block.fill();
+    }
+
+    void drop(Block& block) {
+        EXPECT_EQ(block.firstWrong(block.data == nullptr ? 0 : block.size),
+                  block.data == nullptr ? 0 : block.size);
+        mPool->deallocate(block.data);
+        block = Block();
+    }
+
+    IMemoryPool* const mPool = IMemoryPool::instance();
+    std::array<Slot, 400> mSlots;
+};
+
+TEST(MemoryPool, RandomWorkKeepsEveryByteAndReturnsEverything) {
+    for (const int threadCount : {1, 8}) {
+        SCOPED_TRACE(threadCount);
+        Model model;
+        std::vector<std::thread> threads;
+        for (int i = 0; i < threadCount; ++i) {
+            threads.emplace_back([&model, i, threadCount] {
+                model.work(static_cast<unsigned>(i + 1), 16000 / threadCount);
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_GT(pagesInUse(), kThreshold) << "nothing to give back: the test shows nothing";
+        inThread([&model] { model.dropAll(); });
+        EXPECT_LE(pagesInUse(), kThreshold);
+    }
+}
+
+TEST(MemoryPool, SizesAreRoundedToTheirClass) {
+    const struct {
+        size_t size;
+        size_t object;
+    } cases[] = {
+        {0, 8},
+        {1, 8},
+        {8, 8},
+        {9, 16},
+        {128, 128},
+        {129, 144},
+        {1024, 1024},
+        {1025, 1152},
+        {8192, 8192},
+        {8193, 9216},
+        {65536, 65536},
+        {65537, 17 * 4096},
+        {128 * 4096, 128 * 4096},
+        {128 * 4096 + 1, 129 * 4096},
+    };
+    inThread([&cases] {
+        IMemoryPool* pool = IMemoryPool::instance();
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.size);
+            void* block = pool->allocate(c.size);
+            ASSERT_NE(block, nullptr);
+            EXPECT_EQ(objectSize(block), c.object);
+            std::memset(block, 0xA5, c.object);
+            pool->deallocate(block);
+        }
+        EXPECT_EQ(pool->allocate(SIZE_MAX), nullptr);
+        EXPECT_EQ(pool->allocate(SIZE_MAX / 2), nullptr);
+    });
+}
+
+TEST(MemoryPool, EveryClassHoldsWhatItsArithmeticSays) {
+    for (size_t size = 1; size <= SizeClass::kMaxSize; ++size) {
+        const size_t index = SizeClass::index(size);
+        ASSERT_GE(SizeClass::size(index), size);
+        ASSERT_LE(SizeClass::smallest(index), size);
+        if (size <= SizeClass::kMaxThreadSize) {
+            ASSERT_EQ(SizeClass::threadIndex(size), index);
+        }
+    }
+    EXPECT_EQ(SizeClass::size(SizeClass::kFreeLists), 0u);
+    EXPECT_DEATH(SizeClass::index(SizeClass::kMaxSize + 1), "index < kFreeLists");
+
+    // A span's objects lie in it, side by side, and find back to their places.
+    for (size_t index = 0; index < SizeClass::kFreeLists; ++index) {
+        SCOPED_TRACE(index);
+        Span span;
+        span.pageId = 1000;
+        span.pageCount = SizeClass::spanPages(SizeClass::size(index));
+        span.cut(SizeClass::size(index));
+        std::vector<void*> objects(span.objCount + 1);
+        ASSERT_EQ(span.take(objects.size(), objects.data()), span.objCount);
+        for (uint64_t i = 0; i < span.objCount; ++i) {
+            ASSERT_EQ(objects[i], span.start() + i * span.objSize);
+        }
+        std::shuffle(objects.begin(), objects.end() - 1, std::mt19937(1));
+        ASSERT_EQ(span.put(objects.data(), span.objCount), span.objCount);
+        ASSERT_EQ(span.useCount, 0u);
+        ASSERT_EQ(span.take(objects.size(), objects.data()), span.objCount);
+    }
+}
+
+TEST(MemoryPool, ReallocateStaysFromHalfToWholeOfTheObject) {
+    inThread([] {
+        IMemoryPool* pool = IMemoryPool::instance();
+        for (const size_t whole : {size_t{64}, size_t{9216}, size_t{20 * 4096}}) {
+            SCOPED_TRACE(whole);
+            void* block = pool->reallocate(nullptr, whole);
+            std::memset(block, 3, whole);
+            EXPECT_EQ(pool->reallocate(block, whole / 2), block);
+            EXPECT_EQ(pool->reallocate(block, whole), block);
+            EXPECT_EQ(pool->reallocate(block, SIZE_MAX), nullptr);
+            auto* moved = static_cast<char*>(pool->reallocate(block, whole / 2 - 1));
+            EXPECT_NE(moved, block);
+            EXPECT_EQ(std::count(moved, moved + whole / 2 - 1, 3),
+                      static_cast<long>(whole / 2 - 1));
+            EXPECT_EQ(pool->reallocate(moved, 0), nullptr);
+        }
+    });
+}
+
+TEST(MemoryPool, ListsGrowAndGiveHalfBack) {
+    inThread([] {
+        IMemoryPool* pool = IMemoryPool::instance();
+        pool->deallocate(pool->allocate(8));
+        ThreadCache& cache = currentNode->cache;
+        const size_t last = SizeClass::index(1024);
+        EXPECT_EQ(cache.maxLength(0), 512u);
+        EXPECT_EQ(cache.maxLength(last), 4u);
+
+        std::vector<void*> blocks;
+        std::vector<size_t> lengths;
+        for (int i = 0; i < 200; ++i) {
+            blocks.push_back(pool->allocate(1024));
+            if (lengths.empty() || lengths.back() != cache.maxLength(last)) {
+                lengths.push_back(cache.maxLength(last));
+            }
+        }
+        EXPECT_EQ(lengths, (std::vector<size_t>{6, 9, 13, 19, 28, 42, 63, 64}));
+        while (cache.count(last) < 64) {
+            pool->deallocate(blocks.back());
+            blocks.pop_back();
+        }
+        pool->deallocate(blocks.back());
+        blocks.pop_back();
+        EXPECT_EQ(cache.count(last), 33u) << "half of 65 went";
+        for (void* block : blocks) {
+            pool->deallocate(block);
+        }
+    });
+}
+
+TEST(MemoryPool, AThreadThatEndsGivesItsListsBackAndItsNodeOn) {
+    const ThreadCacheNode* first = nullptr;
+    inThread([&first] {
+        IMemoryPool* pool = IMemoryPool::instance();
+        pool->deallocate(pool->allocate(48));
+        first = currentNode;
+        EXPECT_GT(currentNode->cache.count(SizeClass::index(48)), 0u);
+    });
+    CentralCache::instance().reclaimIdle();
+    testing::internal::CaptureStdout();
+    CentralCache::instance().dump(SizeClass::index(48));
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "start dump central cache index 5, bytes 48, size 0\n"
+              "end dump central cache index 5, free count 0\n");
+    inThread([first] {
+        IMemoryPool* pool = IMemoryPool::instance();
+        pool->deallocate(pool->allocate(48));
+        EXPECT_EQ(currentNode, first);
+        EXPECT_EQ(currentNode->cache.maxLength(0), 512u);
+    });
+}
+
+TEST(MemoryPool, AThreadMayFreeWhatItNeverAllocated) {
+    void* blocks[3] = {};
+    inThread([&blocks] {
+        for (size_t i = 0; i < 3; ++i) {
+            blocks[i] = IMemoryPool::instance()->allocate(size_t{100} << (5 * i));
+        }
+    });
+    inThread([&blocks] {
+        for (void* block : blocks) {
+            IMemoryPool::instance()->deallocate(block);
+        }
+        IMemoryPool::instance()->deallocate(nullptr);
+    });
+    EXPECT_LE(pagesInUse(), kThreshold);
+}
+
+TEST(MemoryPool, FreePagesMergeAcrossTheWholeRegion) {
+    inThread([] {
+        CentralCache& central = CentralCache::instance();
+        PageCache& pages = PageCache::instance();
+        central.reclaimIdle();
+        pages.releaseFree();
+        EXPECT_EQ(pagesInUse(), 0u);
+
+        // One region, cut in three; the middle comes back last and joins both sides.
+        Span* spans[3] = {central.allocatePages(60), central.allocatePages(40),
+                          central.allocatePages(28)};
+        EXPECT_EQ(pagesInUse(), 128u);
+        EXPECT_EQ(pages.freePages(), 0u);
+        for (const size_t i : {0, 2, 1}) {
+            central.releasePages(spans[i]);
+        }
+        EXPECT_EQ(pages.freePages(), 128u);
+        Span* whole = central.allocatePages(128);
+        EXPECT_EQ(pagesInUse(), 128u) << "the pieces did not merge";
+        central.releasePages(whole);
+
+        // More than a region is unmapped at once; below the threshold a region is kept.
+        central.releasePages(central.allocatePages(129));
+        EXPECT_EQ(pagesInUse(), 128u);
+        EXPECT_EQ(pages.freePages(), 128u);
+
+        // A whole fresh region stays counted as free, until it is unmapped.
+        Span* kept = central.allocatePages(128);
+        whole = central.allocatePages(128);
+        EXPECT_EQ(pages.freePages(), 128u);
+        central.releasePages(kept);
+        central.releasePages(whole);
+        EXPECT_EQ(pages.freePages(), 128u);
+        EXPECT_EQ(pagesInUse(), 128u) << "384 pages seemed free, more than the threshold";
+        pages.releaseFree();
+        EXPECT_EQ(pages.freePages(), 0u);
+    });
+}
+
+}  // namespace
