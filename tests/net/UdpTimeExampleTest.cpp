@@ -1,0 +1,33 @@
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <string>
+
+#include "tests/support/HelperProcess.h"
+
+using OrbelTest::HelperProcess;
+
+namespace {
+
+TEST(UdpTimeExample, ClientGetsTheTimeAndEndsAlsoWithoutAServer) {
+    std::string port;
+    {
+        HelperProcess server("../examples/udp_time_server", {"0"});
+        ASSERT_TRUE(server.readLine(port));
+        port = port.substr(port.rfind(':') + 1);
+        for (int i = 0; i < 2; ++i) {
+            HelperProcess client("../examples/udp_time_client", {port});
+            std::string answer;
+            ASSERT_TRUE(client.readLine(answer));
+            EXPECT_TRUE(std::regex_match(
+                answer, std::regex("20\\d\\d-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}")))
+                << answer;
+            EXPECT_EQ(client.wait(), 0);
+        }
+    }
+    HelperProcess client("../examples/udp_time_client", {port});
+    const int status = client.wait();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+}
+
+}  // namespace
