@@ -202,11 +202,17 @@ ssize_t DatagramEndpoint::Internal::send(const Send& sendOn) {
 DatagramEndpoint::DatagramEndpoint(EventLoop* loop, const std::string& name)
     : mInternal(std::make_shared<Internal>(this, loop, name)) {}
 
-/// A loop that does not run is not waited for: it gets what stands in it to keep.
 DatagramEndpoint::~DatagramEndpoint() {
-    const auto internal = std::move(mInternal);
-    internal->mEndpoint = nullptr;
-    if (!internal->mStarted && !internal->mInitialized) {
+    end();
+}
+
+/// What the destructor does, before anything is taken apart: a callback that still runs in the
+/// loop may use the endpoint until the clean-up has had its turn. A loop that does not run is not
+/// waited for; it gets what stands in it to keep.
+void DatagramEndpoint::end() {
+    const auto internal = mInternal;
+    const bool ended = internal->mEndpoint.exchange(nullptr) == nullptr;
+    if (ended || (!internal->mStarted && !internal->mInitialized)) {
         return;
     }
     if (!StopInLoop::runAndWait(*internal->mLoop, [&internal] { internal->stop(); })) {

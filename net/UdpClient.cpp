@@ -23,7 +23,7 @@ UdpClient::UdpClient(EventLoop* loop, const std::string& name)
 }
 
 UdpClient::~UdpClient() {
-    mInternal->mEndpoint.reset();
+    mInternal->end();
 }
 
 bool UdpClient::initial(const InetAddress& server) {
@@ -47,7 +47,7 @@ bool UdpClient::initial(const std::string& host, uint16_t port, const InetAddres
 
 /// `local` is null if the kernel is to choose.
 bool UdpClient::open(const InetAddress& server, const InetAddress* local) {
-    DatagramEndpoint& endpoint = *mInternal->mEndpoint;
+    DatagramEndpoint& endpoint = mInternal->mEndpoint;
     if (endpoint.started()) {
         ORBEL_LOG_ERROR("UdpClient::initial failed: client already started\n");
         return false;
@@ -74,27 +74,27 @@ bool UdpClient::open(const InetAddress& server, const InetAddress* local) {
 }
 
 bool UdpClient::start() {
-    return mInternal->mEndpoint->start();
+    return mInternal->mEndpoint.start();
 }
 
 void UdpClient::stop() {
-    mInternal->mEndpoint->stop();
+    mInternal->mEndpoint.stop();
 }
 
 ssize_t UdpClient::send(const void* buf, size_t len, int flags) {
-    return mInternal->mEndpoint->send(buf, len, flags);
+    return mInternal->mEndpoint.send(buf, len, flags);
 }
 
 ssize_t UdpClient::sendTo(const void* buf, size_t len, const InetAddress& addr, int flags) {
-    return mInternal->mEndpoint->sendTo(buf, len, addr, flags);
+    return mInternal->mEndpoint.sendTo(buf, len, addr, flags);
 }
 
 ssize_t UdpClient::recv(void* buf, size_t len, int flags) {
-    return mInternal->mEndpoint->recv(buf, len, flags);
+    return mInternal->mEndpoint.recv(buf, len, flags);
 }
 
 ssize_t UdpClient::recvFrom(void* buf, size_t len, InetAddress* peer, int flags) {
-    return mInternal->mEndpoint->recvFrom(buf, len, peer, flags);
+    return mInternal->mEndpoint.recvFrom(buf, len, peer, flags);
 }
 
 void UdpClient::setMessageCallback(const MessageCallback& callback) {
@@ -110,11 +110,11 @@ void UdpClient::setErrorCallback(const ErrorCallback& callback) {
 }
 
 void UdpClient::setMaxDatagramSize(size_t sizeBytes) {
-    mInternal->mEndpoint->setMaxDatagramSize(sizeBytes);
+    mInternal->mEndpoint.setMaxDatagramSize(sizeBytes);
 }
 
 EventLoop* UdpClient::getLoop() const {
-    return mInternal->mEndpoint->getLoop();
+    return mInternal->mEndpoint.getLoop();
 }
 
 const UdpSocket* UdpClient::getSocket() const {
@@ -138,7 +138,7 @@ InetAddress UdpClient::localAddr() const {
 }
 
 bool UdpClient::started() const {
-    return mInternal->mEndpoint->started();
+    return mInternal->mEndpoint.started();
 }
 
 }  // namespace Vantel::Orbel

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
 
 #include "Vantel/Orbel/DatagramEndpoint.h"
@@ -16,19 +15,19 @@ template <class Facade>
 class UdpFacade : public std::enable_shared_from_this<UdpFacade<Facade>> {
 public:
     UdpFacade(Facade* facade, EventLoop* loop, const std::string& name)
-        : mFacade(facade), mName(name), mEndpoint(std::in_place, loop, name) {}
+        : mFacade(facade), mName(name), mEndpoint(loop, name) {}
 
     /// Once the object is owned by a shared pointer.
     void installCallbacks() {
-        mEndpoint->setMessageCallback([weak = this->weak_from_this()](DatagramEndpoint*,
-                                                                      NetBuffer* buffer,
-                                                                      const InetAddress& peer) {
+        mEndpoint.setMessageCallback([weak = this->weak_from_this()](DatagramEndpoint*,
+                                                                     NetBuffer* buffer,
+                                                                     const InetAddress& peer) {
             const auto self = weak.lock();
             if (self && self->mMessageCallback) {
                 self->mMessageCallback(self->mFacade, buffer, peer);
             }
         });
-        mEndpoint->setErrorCallback([weak = this->weak_from_this()](DatagramEndpoint*, int error) {
+        mEndpoint.setErrorCallback([weak = this->weak_from_this()](DatagramEndpoint*, int error) {
             const auto self = weak.lock();
             if (self && self->mErrorCallback) {
                 self->mErrorCallback(self->mFacade, error);
@@ -40,10 +39,10 @@ public:
     void setReadableCallback(const typename Facade::ReadableCallback& callback) {
         mReadableCallback = callback;
         if (!callback) {
-            mEndpoint->setReadableCallback({});
+            mEndpoint.setReadableCallback({});
             return;
         }
-        mEndpoint->setReadableCallback([weak = this->weak_from_this()](DatagramEndpoint*) {
+        mEndpoint.setReadableCallback([weak = this->weak_from_this()](DatagramEndpoint*) {
             const auto self = weak.lock();
             if (self && self->mReadableCallback) {
                 self->mReadableCallback(self->mFacade);
@@ -51,11 +50,15 @@ public:
         });
     }
 
-    UdpSocket* socket() { return dynamic_cast<UdpSocket*>(mEndpoint->getSocket()); }
+    /// For the destructor of the facade: afterwards nobody hears of it. A callback that runs just
+    /// then keeps this object to its end.
+    void end() { mEndpoint.end(); }
+
+    UdpSocket* socket() { return dynamic_cast<UdpSocket*>(mEndpoint.getSocket()); }
 
     Facade* const mFacade;
     const std::string mName;
-    std::optional<DatagramEndpoint> mEndpoint;  // ends with the facade, also where a callback runs
+    DatagramEndpoint mEndpoint;
     typename Facade::MessageCallback mMessageCallback;
     typename Facade::ReadableCallback mReadableCallback;
     typename Facade::ErrorCallback mErrorCallback;

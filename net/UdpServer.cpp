@@ -22,11 +22,11 @@ UdpServer::UdpServer(EventLoop* loop, const std::string& name)
 }
 
 UdpServer::~UdpServer() {
-    mInternal->mEndpoint.reset();
+    mInternal->end();
 }
 
 bool UdpServer::initial(const InetAddress& addr, const std::string& device, bool reusePort) {
-    DatagramEndpoint& endpoint = *mInternal->mEndpoint;
+    DatagramEndpoint& endpoint = mInternal->mEndpoint;
     if (endpoint.started()) {
         ORBEL_LOG_ERROR("UdpServer::initial failed: server already started\n");
         return false;
@@ -50,19 +50,19 @@ bool UdpServer::initial(const InetAddress& addr, const std::string& device, bool
 }
 
 bool UdpServer::start() {
-    return mInternal->mEndpoint->start();
+    return mInternal->mEndpoint.start();
 }
 
 void UdpServer::stop() {
-    mInternal->mEndpoint->stop();
+    mInternal->mEndpoint.stop();
 }
 
 ssize_t UdpServer::sendTo(const void* buf, size_t len, const InetAddress& addr, int flags) {
-    return mInternal->mEndpoint->sendTo(buf, len, addr, flags);
+    return mInternal->mEndpoint.sendTo(buf, len, addr, flags);
 }
 
 ssize_t UdpServer::recvFrom(void* buf, size_t len, InetAddress* peer, int flags) {
-    return mInternal->mEndpoint->recvFrom(buf, len, peer, flags);
+    return mInternal->mEndpoint.recvFrom(buf, len, peer, flags);
 }
 
 void UdpServer::setMessageCallback(const MessageCallback& callback) {
@@ -78,11 +78,11 @@ void UdpServer::setErrorCallback(const ErrorCallback& callback) {
 }
 
 void UdpServer::setMaxDatagramSize(size_t sizeBytes) {
-    mInternal->mEndpoint->setMaxDatagramSize(sizeBytes);
+    mInternal->mEndpoint.setMaxDatagramSize(sizeBytes);
 }
 
 EventLoop* UdpServer::getLoop() const {
-    return mInternal->mEndpoint->getLoop();
+    return mInternal->mEndpoint.getLoop();
 }
 
 const UdpSocket* UdpServer::getSocket() const {
@@ -102,7 +102,7 @@ InetAddress UdpServer::listenAddr() const {
 }
 
 bool UdpServer::started() const {
-    return mInternal->mEndpoint->started();
+    return mInternal->mEndpoint.started();
 }
 
 }  // namespace Vantel::Orbel

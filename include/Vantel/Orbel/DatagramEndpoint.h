@@ -15,6 +15,8 @@ class DatagramSocket;
 class EventLoop;
 class InetAddress;
 class NetBuffer;
+template <class Facade>
+class UdpFacade;
 
 /// One datagram socket on one EventLoop. It hands each datagram that comes to the application, or
 /// tells it that the socket is readable. A datagram is sent at once or not at all: there is no
@@ -101,6 +103,10 @@ public:
 
 private:
     class Internal;
+    template <class Facade>
+    friend class UdpFacade;
+
+    void end();
 
     std::shared_ptr<Internal> mInternal;  // tasks and the channel in the loop refer to it
 };
