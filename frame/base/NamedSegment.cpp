@@ -24,6 +24,15 @@ bool NamedSegment::resize(size_t sizeBytes) {
     return retryOnEintr([&] { return ftruncate(fd, static_cast<off_t>(sizeBytes)); }) == 0;
 }
 
+bool NamedSegment::allocate(size_t sizeBytes) {
+    int error = EINTR;
+    while (error == EINTR) {
+        error = posix_fallocate(mFd.get(), 0, static_cast<off_t>(sizeBytes));
+    }
+    errno = error;
+    return error == 0;
+}
+
 off_t NamedSegment::length() const {
     struct stat status {};
     return fstat(mFd.get(), &status) == 0 ? status.st_size : -1;

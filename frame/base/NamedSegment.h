@@ -14,8 +14,8 @@ namespace Vantel::Orbel {
 /// itself: that stays until unlink().
 ///
 /// Each step is its own call, since the owners of the different segments differ in what they say
-/// and undo when one fails: create() or open(), resize() or length(), map(). All but map() leave
-/// what was reached in place. Each returns false with errno set. One thread at a time.
+/// and undo when one fails: create() or open(), resize(), allocate() or length(), map(). All but
+/// map() leave what was reached in place. Each returns false with errno set. One thread at a time.
 class NamedSegment {
 public:
     /// `name` with its leading slash.
@@ -27,6 +27,9 @@ public:
     bool open(mode_t mode);
     /// Sets the length of the open object, zero-filled.
     bool resize(size_t sizeBytes);
+    /// The same, with its memory taken at once: a full file system is ENOSPC here, and not a
+    /// SIGBUS at some later touch.
+    bool allocate(size_t sizeBytes);
     /// The present length of the open object; -1 on failure.
     off_t length() const;
     /// Maps the first `sizeBytes` of the open object for reading and writing, shared, in place of
