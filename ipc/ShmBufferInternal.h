@@ -4,10 +4,10 @@
 #include <optional>
 
 #include "Vantel/Memory/CShmBuffer.h"
-#include "frame/base/NamedSegment.h"
 #include "frame/base/UniqueFd.h"
 #include "ipc/RingLayout.h"
 #include "ipc/RingSignals.h"
+#include "ipc/ShmSegment.h"
 
 namespace Vantel::Memory {
 
@@ -46,7 +46,9 @@ public:
 private:
     enum class Found { Nothing, Joined, Failed };
 
-    ShmBufferHeader* header() const { return static_cast<ShmBufferHeader*>(mSegment->address()); }
+    ShmBufferHeader* header() const {
+        return reinterpret_cast<ShmBufferHeader*>(mSegment->address());
+    }
     ShmNode& nodeAt(uint64_t position) const;
     RingSize foundSize() const;
     void keepName(const char* name);
@@ -54,7 +56,6 @@ private:
     Found joinExisting(uint64_t totalBytes);
     bool createNew(uint64_t totalBytes);
     bool initQueue();
-    bool mapSegment(uint64_t sizeBytes);
     bool openSegment(int waitMs);
 
     int checkShmValid();
@@ -76,7 +77,7 @@ private:
     bool mOverwrite = false;
     char mName[64] = {};  // kept after close(): get() opens by it again
     RingSize mSize;       // as checked against the mapping; the segment's own may change
-    std::optional<Orbel::NamedSegment> mSegment;
+    std::optional<ShmSegment> mSegment;
     Orbel::UniqueFd mEventFd;
     RingSignals mSignals;
 };

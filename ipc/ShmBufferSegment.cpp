@@ -14,7 +14,6 @@ namespace Vantel::Memory {
 
 namespace {
 
-constexpr mode_t kMode = 0666;
 constexpr int kOpenAttempts = 10;
 
 /// Part of the format, taken by nobody: so the attributes are all that counts.
@@ -78,14 +77,13 @@ bool CShmBuffer::Internal::create(const char* name, uint32_t dataSize, uint32_t 
 
 /// Nothing: there is no ring of this size, but perhaps (mapped, then) one to be given up.
 CShmBuffer::Internal::Found CShmBuffer::Internal::joinExisting(uint64_t totalBytes) {
-    Orbel::NamedSegment& segment = *mSegment;
-    if (!segment.open(kMode)) {
-        ORBEL_LOG_ERROR("shm_open(%s, O_RDWR): %s\n", segment.name().c_str(), std::strerror(errno));
+    ShmSegment& segment = *mSegment;
+    if (!segment.open()) {
+        ORBEL_LOG_ERROR("shm_open(%s, O_RDWR): %s\n", segment.path(), std::strerror(errno));
         return Found::Nothing;
     }
     const off_t found = segment.length();
     if (found < 0) {
-        ORBEL_LOG_ERROR("fstat(%s): %s\n", segment.name().c_str(), std::strerror(errno));
         return Found::Nothing;
     }
     const auto foundBytes = static_cast<uint64_t>(found);
@@ -95,11 +93,11 @@ CShmBuffer::Internal::Found CShmBuffer::Internal::joinExisting(uint64_t totalByt
         ORBEL_LOG_WARN(" shm name=%s size mismatch(%lu != %u) — recreating\n", mName, foundBytes,
                        static_cast<unsigned int>(totalBytes));
         if (foundBytes >= sizeof(ShmBufferHeader)) {
-            mapSegment(foundBytes);  // so that its readers can be told; if not, they are not
+            segment.map(foundBytes);  // so that its readers can be told; if not, they are not
         }
         return Found::Nothing;
     }
-    if (!mapSegment(totalBytes)) {
+    if (!segment.map(totalBytes)) {
         return Found::Failed;
     }
     if (header()->version.load() != kRingVersion) {
@@ -114,37 +112,12 @@ CShmBuffer::Internal::Found CShmBuffer::Internal::joinExisting(uint64_t totalByt
 }
 
 bool CShmBuffer::Internal::createNew(uint64_t totalBytes) {
-    Orbel::NamedSegment& segment = *mSegment;
-    const char* path = segment.name().c_str();
-    segment.unlink();
-    if (!segment.create(kMode)) {
-        ORBEL_LOG_ERROR("shm_open(%s, O_CREAT|O_EXCL): %s\n", path, std::strerror(errno));
-        return false;
-    }
-    const int fd = segment.descriptor();
-    if (!segment.allocate(totalBytes)) {
-        ORBEL_LOG_ERROR("ftruncate(%s, %u): %s\n", path, static_cast<unsigned int>(totalBytes),
-                        std::strerror(errno));
-        segment.closeDescriptor();
-        segment.unlink();
-        return false;
-    }
-    if (!mapSegment(totalBytes)) {
+    if (!mSegment->createNew(totalBytes)) {
         return false;
     }
     ORBEL_LOG_INFO(" shm created, name=%s, size=%u, fd=%d\n", mName,
-                   static_cast<unsigned int>(totalBytes), fd);
+                   static_cast<unsigned int>(totalBytes), mSegment->createdDescriptor());
     return initQueue();
-}
-
-bool CShmBuffer::Internal::mapSegment(uint64_t sizeBytes) {
-    const int fd = mSegment->descriptor();
-    if (mSegment->map(sizeBytes)) {
-        return true;
-    }
-    ORBEL_LOG_ERROR("mmap(fd=%d, size=%u): %s\n", fd, static_cast<unsigned int>(sizeBytes),
-                    std::strerror(errno));
-    return false;
 }
 
 /// Under the creators' lock.
@@ -194,22 +167,13 @@ bool CShmBuffer::Internal::open(const char* name, int waitMs) {
 
 /// Opens and maps what is there; waits for a name that is missing, not for a maker to be done.
 bool CShmBuffer::Internal::openSegment(int waitMs) {
-    Orbel::NamedSegment& segment = *mSegment;
-    bool opened = segment.open(kMode);
+    bool opened = mSegment->open();
     for (int attempt = 1; !opened && attempt <= kOpenAttempts; ++attempt) {
         Orbel::CThread::sleep(waitMs / kOpenAttempts);
-        opened = attempt < kOpenAttempts && segment.open(kMode);
+        opened = attempt < kOpenAttempts && mSegment->open();
     }
-    if (!opened) {
-        return false;
-    }
-    const off_t length = segment.length();
-    if (length < 0) {
-        ORBEL_LOG_ERROR("fstat(%s): %s\n", segment.name().c_str(), std::strerror(errno));
-        segment.closeDescriptor();
-        return false;
-    }
-    return mapSegment(static_cast<uint64_t>(length));
+    const off_t length = opened ? mSegment->length() : -1;
+    return length >= 0 && mSegment->map(static_cast<uint64_t>(length));
 }
 
 bool CShmBuffer::Internal::close() {
@@ -220,8 +184,6 @@ bool CShmBuffer::Internal::close() {
     mEventFd.reset();
     mSignals.closeAll();
     if (mapped() && !mSegment->unmap()) {
-        ORBEL_LOG_ERROR("munmap(size=%u): %s\n", static_cast<unsigned int>(mSegment->size()),
-                        std::strerror(errno));
         return false;
     }
     mSegment.reset();
@@ -233,13 +195,9 @@ bool CShmBuffer::Internal::destroy() {
         return false;
     }
     header()->valid.store(0);
-    const std::string path = mSegment->name();
+    const std::string path = mSegment->path();
     close();
-    if (!Orbel::NamedSegment(path).unlink() && errno != ENOENT) {
-        ORBEL_LOG_ERROR("shm_unlink(%s): %s\n", path.c_str(), std::strerror(errno));
-        return false;
-    }
-    return true;
+    return ShmSegment::unlink(path);
 }
 
 RingSize CShmBuffer::Internal::foundSize() const {
@@ -247,7 +205,7 @@ RingSize CShmBuffer::Internal::foundSize() const {
 }
 
 ShmNode& CShmBuffer::Internal::nodeAt(uint64_t position) const {
-    auto* base = static_cast<std::byte*>(mSegment->address()) + sizeof(ShmBufferHeader);
+    std::byte* base = mSegment->address() + sizeof(ShmBufferHeader);
     return *reinterpret_cast<ShmNode*>(base + position % mSize.nodeCount * mSize.stride());
 }
 
