@@ -10,9 +10,8 @@
 #include <string>
 
 #include "Vantel/Orbel/CTime.h"
-#include "frame/base/BlockSigPipe.h"
 #include "frame/base/Log.h"
-#include "frame/base/RetryOnEintr.h"
+#include "frame/base/PipeWrite.h"
 
 namespace Vantel::Memory {
 
@@ -66,9 +65,8 @@ bool RingSignals::openWriteEnd(const char* name, uint32_t index) {
 }
 
 bool RingSignals::writeByte(uint32_t index) {
-    const Orbel::BlockSigPipe noSignal;
     const int fd = mFds[index].get();
-    if (Orbel::retryOnEintr([&] { return ::write(fd, "A", 1); }) == 1) {
+    if (Orbel::pipeWrite(fd, "A", 1) == 1) {
         return true;
     }
     ORBEL_LOG_ERROR("write fifo failed: %s, sigIdx %d, fd = %d\n", std::strerror(errno),
