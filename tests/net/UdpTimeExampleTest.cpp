@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <cstdio>
 #include <string>
 
 #include "tests/support/HelperProcess.h"
@@ -19,9 +19,13 @@ TEST(UdpTimeExample, ClientGetsTheTimeAndEndsAlsoWithoutAServer) {
             HelperProcess client("../examples/udp_time_client", {port});
             std::string answer;
             ASSERT_TRUE(client.readLine(answer));
-            EXPECT_TRUE(std::regex_match(
-                answer, std::regex("20\\d\\d-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}")))
+            int year = 0;
+            int millisecond = -1;
+            EXPECT_EQ(std::sscanf(answer.c_str(), "%4d-%*2d-%*2d %*2d:%*2d:%*2d.%3d", &year,
+                                  &millisecond),
+                      2)
                 << answer;
+            EXPECT_GT(year, 2000);
             EXPECT_EQ(client.wait(), 0);
         }
     }
