@@ -105,6 +105,9 @@ int FileDefaultOpt::fclose(void* file) {
 }
 
 int FileDefaultOpt::fread(void* buffer, int size, int count, void* file) {
+    if (count == 0) {
+        return 0;  // the buffer may be null then, which the C library does not allow
+    }
     const size_t done = ::fread(buffer, wide(size), wide(count), stream(file));
     const bool failed = done < wide(count) && metError(stream(file));
     if (failed) {
@@ -114,6 +117,9 @@ int FileDefaultOpt::fread(void* buffer, int size, int count, void* file) {
 }
 
 int FileDefaultOpt::fwrite(const void* data, int size, int count, void* file) {
+    if (count == 0) {
+        return 0;  // the buffer may be null then, which the C library does not allow
+    }
     const size_t done = ::fwrite(data, wide(size), wide(count), stream(file));
     const bool failed = done < wide(count) && metError(stream(file));
     if (failed) {
