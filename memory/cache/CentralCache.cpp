@@ -1,7 +1,9 @@
 #include "memory/cache/CentralCache.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include "frame/base/Log.h"
 #include "thread/BackOff.h"
@@ -46,6 +48,14 @@ private:
 size_t CentralCache::fetch(size_t index, size_t count, void** objects) {
     Class& spans = mClasses[index];
     ClassGuard guard(spans);
+    const uint32_t stock = spans.stockCount.load(std::memory_order_relaxed);
+    if (stock > 0) {
+        const size_t taken = std::min<size_t>(count, stock);
+        const auto left = static_cast<uint32_t>(stock - taken);
+        std::memcpy(objects, mStocks[index].objects + left, taken * sizeof(void*));
+        spans.stockCount.store(left, std::memory_order_relaxed);
+        return taken;
+    }
     Span* span = spanWithObjects(index, guard);
     if (span == nullptr) {
         return 0;
@@ -66,11 +76,11 @@ Span* CentralCache::spanWithObjects(size_t index, ClassGuard& guard) {
     }
     const size_t size = SizeClass::size(index);
     const size_t pages = SizeClass::spanPages(size);
-    const bool nothingIdle = mPages.reservedPages() == 0;
-    Span* span = mPages.allocate(pages, tagOf(index), nothingIdle);
-    if (span == nullptr && !nothingIdle) {
+    const bool nothingLeft = nothingToReclaim();
+    Span* span = mPages.allocate(pages, tagOf(index), nothingLeft);
+    if (span == nullptr && !nothingLeft) {
         guard.leave();  // reclaiming takes the locks of all classes, one by one
-        reclaimIdle();
+        reclaim();
         guard.enter();
         if (Span* found = knownSpan(spans)) {
             return found;  // came back meanwhile
@@ -98,18 +108,44 @@ Span* CentralCache::knownSpan(Class& spans) {
 void CentralCache::release(size_t index, void* const* objects, size_t count) {
     Class& spans = mClasses[index];
     ClassGuard guard(spans);
+    if (index < SizeClass::kThreadLists) {
+        const uint32_t stock = spans.stockCount.load(std::memory_order_relaxed);
+        if (stock + count <= Stock::kCapacity) {
+            std::memcpy(mStocks[index].objects + stock, objects, count * sizeof(void*));
+            spans.stockCount.store(static_cast<uint32_t>(stock + count), std::memory_order_relaxed);
+            if (!mStocked.load(std::memory_order_relaxed)) {
+                mStocked.store(true, std::memory_order_relaxed);
+            }
+            return;
+        }
+    }
+    putBack(spans, objects, count, guard, true);
+}
+
+void CentralCache::releaseToSpans(size_t index, void* const* objects, size_t count) {
+    Class& spans = mClasses[index];
+    ClassGuard guard(spans);
+    putBack(spans, objects, count, guard, true);
+}
+
+void CentralCache::putBack(Class& spans, void* const* objects, size_t count, ClassGuard& guard,
+                           bool stocksToo) {
     for (size_t i = 0; i < count;) {
         Span* span = spanOf(objects[i]);
         SpanList& list = span->exhausted() ? spans.exhausted : spans.spans;
         i += span->put(objects + i, count - i);
         if (span->useCount == 0) {
             list.erase(span);
-            emptied(spans, span, guard);
+            emptied(spans, span, guard, stocksToo);
         } else if (&list == &spans.exhausted) {
             list.erase(span);
             spans.spans.pushFront(span);
         }
     }
+}
+
+bool CentralCache::nothingToReclaim() const {
+    return mPages.reservedPages() == 0 && !mStocked.load(std::memory_order_relaxed);
 }
 
 /// The span of an object; an address that never was one ends the process.
@@ -125,10 +161,10 @@ Span* CentralCache::spanOf(const void* object) {
 }
 
 /// `span` is on no list.
-void CentralCache::emptied(Class& spans, Span* span, ClassGuard& guard) {
+void CentralCache::emptied(Class& spans, Span* span, ClassGuard& guard, bool stocksToo) {
     if (!keepIdle(spans, span)) {
         guard.leave();
-        releasePages(span);
+        givePages(span, stocksToo);
         guard.enter();
     }
 }
@@ -155,24 +191,73 @@ Span* CentralCache::takeIdle(Class& spans) {
 }
 
 Span* CentralCache::allocatePages(uint64_t pages) {
-    const bool nothingIdle = mPages.reservedPages() == 0;
-    Span* span = mPages.allocate(pages, 0, nothingIdle);
-    if (span == nullptr && !nothingIdle) {
-        reclaimIdle();
+    const bool nothingLeft = nothingToReclaim();
+    Span* span = mPages.allocate(pages, 0, nothingLeft);
+    if (span == nullptr && !nothingLeft) {
+        reclaim();
         span = mPages.allocate(pages, 0, true);
     }
     return span;
 }
 
 void CentralCache::releasePages(Span* span) {
+    givePages(span, true);
+}
+
+/// Above the threshold, what is idle or in stock keeps regions from being whole: it goes back
+/// first, but for the stocks if they are what the span came from.
+void CentralCache::givePages(Span* span, bool stocksToo) {
     mPages.addFree(span->pageCount);
-    if (mPages.reservedPages() != 0 && mPages.aboveThreshold()) {
-        reclaimIdle();  // an idle span would keep its region from being whole
+    if (mPages.aboveThreshold()) {
+        if (stocksToo) {
+            emptyVisibleStocks();
+        }
+        reclaimIdle();
     }
     mPages.release(span);
 }
 
+void CentralCache::emptyStocks() {
+    // The mark goes first: whoever stocks behind our look at a class, under its lock, sets it anew.
+    if (mStocked.exchange(false, std::memory_order_relaxed)) {
+        for (size_t index = 0; index < SizeClass::kThreadLists; ++index) {
+            emptyStock(index);
+        }
+    }
+}
+
+/// Those that seem to have one, which is enough where nothing hangs on the last of them.
+void CentralCache::emptyVisibleStocks() {
+    if (mStocked.load(std::memory_order_relaxed)) {
+        for (size_t index = 0; index < SizeClass::kThreadLists; ++index) {
+            if (mClasses[index].stockCount.load(std::memory_order_relaxed) > 0) {
+                emptyStock(index);
+            }
+        }
+    }
+}
+
+void CentralCache::emptyStock(size_t index) {
+    Class& spans = mClasses[index];
+    void* objects[SizeClass::kMaxMove];  // a copy: the lock is let go of in between
+    ClassGuard guard(spans);
+    while (const uint32_t stock = spans.stockCount.load(std::memory_order_relaxed)) {
+        const auto count = std::min<uint32_t>(stock, SizeClass::kMaxMove);
+        std::memcpy(objects, mStocks[index].objects + stock - count, count * sizeof(void*));
+        spans.stockCount.store(stock - count, std::memory_order_relaxed);
+        putBack(spans, objects, count, guard, false);
+    }
+}
+
+void CentralCache::reclaim() {
+    emptyStocks();
+    reclaimIdle();
+}
+
 void CentralCache::reclaimIdle() {
+    if (mPages.reservedPages() == 0) {
+        return;
+    }
     for (Class& spans : mClasses) {
         if (spans.reservedPages.load(std::memory_order_relaxed) == 0) {
             continue;

@@ -19,19 +19,24 @@ public:
     explicit CentralCache(PageCache& pages) : mPages(pages) {}
     static CentralCache& instance();
 
-    /// Takes up to `count` objects of a class, all from one span. Returns how many, 0 if there is
-    /// no memory.
+    /// Takes up to `count` objects of a class, at least one. Returns how many, 0 if there is no
+    /// memory.
     size_t fetch(size_t index, size_t count, void** objects);
 
-    /// Takes `count` objects of a class back.
+    /// Takes `count` objects of a class back, into their spans or, if they are of a kind that
+    /// threads cache, into the class's stock.
     void release(size_t index, void* const* objects, size_t count);
+    /// The same, into their spans only.
+    void releaseToSpans(size_t index, void* const* objects, size_t count);
 
     /// Whole pages, for what is larger than any class. Null if there is no memory.
     Span* allocatePages(uint64_t pages);
     void releasePages(Span* span);
 
-    /// Hands all idle spans to the page cache, and drops the reservations. No lock may be held.
-    void reclaimIdle();
+    /// Puts all stocks back into their spans. No lock may be held; the same below.
+    void emptyStocks();
+    /// Empties the stocks, hands all idle spans to the page cache, and drops the reservations.
+    void reclaim();
 
     /// Prints the spans of a class to standard output.
     void dump(size_t index);
@@ -46,19 +51,40 @@ private:
         uint64_t idlePages = 0;
         // At least idlePages. Atomic to be looked at without the lock; written only with it.
         std::atomic<uint64_t> reservedPages{0};
+        std::atomic<uint32_t> stockCount{0};  // likewise
     };
     class ClassGuard;
+
+    /// Objects that one thread gave back and the next may have, moved as they come: no span is
+    /// looked at. For their spans they are still out. Bounded by 1024 a class, and put
+    /// back before anything is mapped or unmapped and when a thread ends.
+    struct Stock {
+        static constexpr size_t kCapacity = 1024;
+        void* objects[kCapacity];
+    };
 
     // With the lock of the class held; the guard is let go of where a span moves to or from afar.
     Span* spanWithObjects(size_t index, ClassGuard& guard);
     Span* knownSpan(Class& spans);
     Span* spanOf(const void* object);
-    void emptied(Class& spans, Span* span, ClassGuard& guard);
+    void emptied(Class& spans, Span* span, ClassGuard& guard, bool stocksToo);
+    void putBack(Class& spans, void* const* objects, size_t count, ClassGuard& guard,
+                 bool stocksToo);
+    bool nothingToReclaim() const;
     bool keepIdle(Class& spans, Span* span);
     static Span* takeIdle(Class& spans);
 
+    // Without a lock.
+    void emptyVisibleStocks();
+    void emptyStock(size_t index);
+    void reclaimIdle();
+    void givePages(Span* span, bool stocksToo);
+
     PageCache& mPages;
     Class mClasses[SizeClass::kFreeLists];
+    Stock mStocks[SizeClass::kThreadLists];
+    // Whether any class may have a stock. Written when it changes only: all threads read it.
+    std::atomic<bool> mStocked{false};
 };
 
 }  // namespace Vantel::Memory

@@ -30,7 +30,7 @@ void* ThreadCache::fetchFromCentralCache(size_t index, size_t size) {
     // The list is empty, or nobody would fetch.
     list.top += CentralCache::instance().fetch(index, std::min(list.maxLength(), batch), list.top);
     slowStart(list, index, batch);
-    return pop(index);
+    return empty(index) ? nullptr : pop(index);
 }
 
 void ThreadCache::slowStart(FreeList& list, size_t index, size_t batch) {
@@ -50,10 +50,11 @@ void ThreadCache::releaseAll() {
     for (size_t i = 0; i < SizeClass::kThreadLists; ++i) {
         FreeList& list = mLists[i];
         if (list.count() > 0) {
-            CentralCache::instance().release(i, list.bottom, list.count());
+            CentralCache::instance().releaseToSpans(i, list.bottom, list.count());
             list.top = list.bottom;
         }
     }
+    CentralCache::instance().emptyStocks();
 }
 
 }  // namespace Vantel::Memory

@@ -41,11 +41,10 @@ public:
     ThreadCache(const ThreadCache&) = delete;
     ThreadCache& operator=(const ThreadCache&) = delete;
 
-    /// The last object that came in, null if the list of the class is empty.
-    void* pop(size_t index) {
-        FreeList& list = mLists[index];
-        return list.top != list.bottom ? *--list.top : nullptr;
-    }
+    bool empty(size_t index) const { return mLists[index].top == mLists[index].bottom; }
+
+    /// The last object that came in; the list of the class must not be empty.
+    void* pop(size_t index) { return *--mLists[index].top; }
 
     void push(size_t index, void* object) {
         FreeList& list = mLists[index];

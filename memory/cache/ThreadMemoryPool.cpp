@@ -50,9 +50,9 @@ void* allocateLarge(size_t size) {
 void* ThreadMemoryPool::allocate(size_t size) {
     ThreadCacheNode* node = currentNode;
     if (size <= SizeClass::kMaxThreadSize && node != nullptr) [[likely]] {
-        void* object = node->cache.pop(SizeClass::threadIndex(size));
-        if (object != nullptr) [[likely]] {
-            return object;
+        const size_t index = SizeClass::threadIndex(size);
+        if (!node->cache.empty(index)) [[likely]] {
+            return node->cache.pop(index);
         }
     }
     return allocateSlowly(size);
@@ -68,8 +68,10 @@ void* ThreadMemoryPool::allocateSlowly(size_t size) {
         return nullptr;
     }
     const size_t index = SizeClass::index(size);
-    void* object = index < SizeClass::kThreadLists ? node->cache.pop(index) : nullptr;
-    return object != nullptr ? object : node->cache.fetchFromCentralCache(index, size);
+    if (index < SizeClass::kThreadLists && !node->cache.empty(index)) {
+        return node->cache.pop(index);  // the node was found again
+    }
+    return node->cache.fetchFromCentralCache(index, size);
 }
 
 void ThreadMemoryPool::deallocate(void* block) {

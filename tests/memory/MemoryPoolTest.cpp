@@ -267,7 +267,7 @@ TEST(MemoryPool, AThreadThatEndsGivesItsListsBackAndItsNodeOn) {
         first = currentNode;
         EXPECT_GT(currentNode->cache.count(SizeClass::index(48)), 0u);
     });
-    CentralCache::instance().reclaimIdle();
+    CentralCache::instance().reclaim();
     testing::internal::CaptureStdout();
     CentralCache::instance().dump(SizeClass::index(48));
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
@@ -301,7 +301,7 @@ TEST(MemoryPool, FreePagesMergeAcrossTheWholeRegion) {
     inThread([] {
         CentralCache& central = CentralCache::instance();
         PageCache& pages = PageCache::instance();
-        central.reclaimIdle();
+        central.reclaim();
         pages.releaseFree();
         EXPECT_EQ(pagesInUse(), 0u);
 
