@@ -250,7 +250,7 @@ TEST_F(RingTest, ManyProcessesSeeEachRecordOnceInOrderAndWhole) {
         const std::string count = mode == "poll" ? each : "10000";
         for (const char* id : {"0", "1", "2", "3"}) {
             writers.push_back(std::make_unique<HelperProcess>(
-                "RingHelper", std::vector<std::string>{"write", name, "8", "256", id, count}));
+                "RingHelper", std::vector<std::string>{"write", name, "8", "1024", id, count}));
             ASSERT_TRUE(writers.back()->waitForLine("ready"));
         }
         for (int i = 0; i < 4; ++i) {
