@@ -56,8 +56,8 @@ private:
     class ClassGuard;
 
     /// Objects that one thread gave back and the next may have, moved as they come: no span is
-    /// looked at. For their spans they are still out. Bounded by 1024 a class, and put
-    /// back before anything is mapped or unmapped and when a thread ends.
+    /// looked at. For their spans they are still out. They go back before anything is mapped or
+    /// unmapped, and when a thread ends.
     struct Stock {
         static constexpr size_t kCapacity = 1024;
         void* objects[kCapacity];
