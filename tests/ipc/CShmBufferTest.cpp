@@ -326,6 +326,29 @@ TEST_F(RingTest, GoesOnWhileWritersAreKilledAtFullSpeed) {
     EXPECT_TRUE(follower.waitForLine("4242424242"));
 }
 
+TEST_F(RingTest, WhatIsNotOverwrittenIsWholeAndInOrder) {
+    HelperProcess writers[] = {
+        HelperProcess("RingHelper", {"overwrite", mName, "512", "4", "0", "1000000000"}),
+        HelperProcess("RingHelper", {"overwrite", mName, "512", "4", "1", "1000000000"}),
+        HelperProcess("RingHelper", {"overwrite", mName, "512", "4", "2", "1000000000"})};
+    for (HelperProcess& writer : writers) {
+        ASSERT_TRUE(writer.waitForLine("ready"));
+    }
+    HelperProcess readers[] = {HelperProcess("RingHelper", {"read", mName, "3", "20000", "lossy"}),
+                               HelperProcess("RingHelper", {"read", mName, "3", "20000", "lossy"})};
+    for (HelperProcess& reader : readers) {
+        ASSERT_TRUE(reader.waitForLine("ready"));
+    }
+    for (HelperProcess& writer : writers) {
+        writer.writeLine("go");
+    }
+    for (HelperProcess& reader : readers) {
+        std::string line;
+        ASSERT_TRUE(reader.readLine(line, 200000));
+        EXPECT_EQ(line, "whole");
+    }
+}
+
 TEST_F(RingTest, AHeldUpWriterIsNotLappedInItsNode) {
     CShmBuffer writer;
     ASSERT_TRUE(create(writer, 64, 2));

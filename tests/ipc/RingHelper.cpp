@@ -1,5 +1,7 @@
 // usage: RingHelper write NAME WORDS NODES WRITER COUNT   puts COUNT records, then "done"
+//        RingHelper overwrite ...                         the same, without regard for readers
 //        RingHelper read NAME WRITERS COUNT poll|sleep    gets COUNT of each writer, then "whole"
+//        RingHelper read NAME WRITERS COUNT lossy         gets so many in all, with gaps
 //        RingHelper follow NAME                           prints the number of each record it gets
 //        RingHelper wedge NAME                            stops in the middle of a record
 
@@ -26,8 +28,10 @@ int say(const char* line, int status) {
     return status;
 }
 
-int write(const char* name, unsigned words, unsigned nodes, uint64_t writer, uint64_t count) {
+int write(const char* name, unsigned words, unsigned nodes, uint64_t writer, uint64_t count,
+          bool overwrite) {
     CShmBuffer ring;
+    ring.setOverwrite(overwrite);
     if (!ring.create(name, words * 8, nodes, 1)) {
         return say("create failed", 1);
     }
@@ -43,7 +47,9 @@ int write(const char* name, unsigned words, unsigned nodes, uint64_t writer, uin
     return say("done", 0);
 }
 
-int read(const char* name, uint64_t writers, uint64_t count, bool sleeping) {
+int read(const char* name, uint64_t writers, uint64_t count, const std::string& mode) {
+    const bool sleeping = mode == "sleep";
+    const bool lossy = mode == "lossy";
     CShmBuffer ring;
     if (!ring.open(name) || (sleeping && !ring.enableEvent(true))) {
         return say("open failed", 1);
@@ -51,7 +57,7 @@ int read(const char* name, uint64_t writers, uint64_t count, bool sleeping) {
     say("ready", 0);
     std::vector<uint64_t> next(writers, 0);
     std::vector<uint64_t> buffer(8192);
-    for (uint64_t left = writers * count; left > 0;) {
+    for (uint64_t left = lossy ? count : writers * count; left > 0;) {
         unsigned size = 0;
         const int got = ring.get(buffer.data(), static_cast<unsigned>(buffer.size() * 8), &size);
         if (got < 0) {
@@ -71,9 +77,10 @@ int read(const char* name, uint64_t writers, uint64_t count, bool sleeping) {
             if (!TestRecord::whole(buffer.data(), size / 8) || writer >= writers) {
                 return say("torn", 1);
             }
-            if (number != next[writer]++) {
+            if (number < next[writer] || (number > next[writer] && !lossy)) {
                 return say("lost or twice", 1);
             }
+            next[writer] = number + 1;
             --left;
         }
     }
@@ -117,12 +124,12 @@ int wedge(const char* name) {
 int main(int argc, char** argv) {
     const std::string role = argc > 2 ? argv[1] : "";
     const auto number = [&](int i) { return std::strtoul(argv[i], nullptr, 10); };
-    if (role == "write" && argc == 7) {
+    if ((role == "write" || role == "overwrite") && argc == 7) {
         return write(argv[2], static_cast<unsigned>(number(3)), static_cast<unsigned>(number(4)),
-                     number(5), number(6));
+                     number(5), number(6), role == "overwrite");
     }
     if (role == "read" && argc == 6) {
-        return read(argv[2], number(3), number(4), argv[5] == std::string("sleep"));
+        return read(argv[2], number(3), number(4), argv[5]);
     }
     if (role == "follow") {
         return follow(argv[2]);
