@@ -16,6 +16,7 @@
 #include "Vantel/Memory/CShmBuffer.h"
 #include "Vantel/Orbel/CTime.h"
 #include "tests/ipc/RingSupport.h"
+#include "tests/support/WaitFor.h"
 
 using OrbelTest::TestRecord;
 using Vantel::Memory::CShmBuffer;
@@ -89,7 +90,8 @@ int read(const char* name, uint64_t writers, uint64_t count, const std::string& 
 
 int follow(const char* name) {
     CShmBuffer ring;
-    if (!ring.open(name)) {
+    // open() waits for a ring that is missing, not for one that is being made: that one is refused.
+    if (!OrbelTest::waitFor([&] { return ring.open(name); })) {
         return say("open failed", 1);
     }
     say("ready", 0);
