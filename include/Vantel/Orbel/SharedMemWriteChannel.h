@@ -47,6 +47,10 @@ public:
     /// the block in place. True also if there is no reader, or none could be told: the sample is
     /// then the caller's as before. False, with an error line and nothing changed, if `buffer` is
     /// null, not one of allocate(), or in flight already.
+    ///
+    /// A reader whose socket stays full of such messages (it holds about 85) for 10 ms loses its
+    /// connection, and with it the samples that were on their way. A writer that must lose nothing
+    /// keeps fewer blocks than that in flight to a reader: allocate() then makes it wait instead.
     virtual bool commit(std::shared_ptr<SharedMemBuffer>& buffer) = 0;
 
     /// Makes the pool that `options` ask for ("<channel>_data"; failing that, an error line, and
