@@ -76,6 +76,39 @@ TEST_F(PubSubTest, EachBlockComesBackOnceHoweverItsReadersLeave) {
     EXPECT_FALSE(mLog.has("not equal"));
 }
 
+// What a sync callback lets go of leaves in common sends of at most 16 finishes for one writer.
+TEST_F(PubSubTest, ACallbackMayLetGoOfManySamplesOfSeveralWritersAtOnce) {
+    constexpr unsigned int kSamples = 40;
+    ASSERT_TRUE(mDomain->createPool("many", 64, kExtraSize, kSamples));
+    const auto second = writer("second");
+    std::atomic<unsigned int> secondReleased{0};
+    ASSERT_TRUE(second->create({}, [&](unsigned char*, unsigned int, unsigned char*, unsigned int) {
+        ++secondReleased;
+        return true;
+    }));
+    const auto channel = reader("reader");
+    channel->setSyncMode(true);
+    std::vector<Sample> held;
+    ASSERT_TRUE(channel->open([&](Sample& sample) {
+        held.push_back(std::move(sample));
+        if (held.size() == kSamples) {
+            held.clear();
+        }
+    }));
+    for (unsigned int i = 0; i < kSamples; ++i) {
+        // 20 in a row of the first writer, then one by one in turn.
+        SharedMemWriteChannelImpl& from = i < 20 || i % 2 == 0 ? *mWriter : *second;
+        Sample sample = from.allocate(4, 0);
+        ASSERT_TRUE(sample);
+        ASSERT_TRUE(from.commit(sample));
+    }
+    // Sooner than the master's pass, which tells the writer again what it was not told after 5 s.
+    EXPECT_TRUE(waitFor([this] { return busyBlocks() == 0; }, 4000));
+    EXPECT_EQ(mReleased, 30u);
+    EXPECT_EQ(secondReleased, 10u);
+    channel->close();
+}
+
 TEST_F(PubSubTest, ADescriptorReachesEveryReaderAndNoneIsLeft) {
     Inbox inbox;
     const auto first = openReader("first", inbox);
