@@ -1,6 +1,9 @@
 include(CMakePackageConfigHelpers)
 
-install(TARGETS orbel EXPORT orbelTargets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+# Two components, which become two packages: what a robot needs to run, and what builds against it.
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME dev)
+install(TARGETS orbel EXPORT orbelTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT dev)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(EXPORT orbelTargets NAMESPACE orbel:: DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/orbel)
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Format, include rule, public headers alone, the second compiler, clang-tidy. Cheap ones first.
+# Format, include rule, public headers alone, their reference, the second compiler, clang-tidy. Cheap ones first.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -16,6 +16,9 @@ find include -name '*.h' | xargs -P "$(nproc)" -I{} sh -c \
          \$compiler -std=c++17 -fsyntax-only -x c++ -Wall -Wextra -Wpedantic -Werror \
              -Iinclude $json -include {} /dev/null || exit 255
      done"
+
+echo "-- reference"
+./run docs >/dev/null
 
 echo "-- clang build"
 ./run build clang orbel_static | tail -n 1

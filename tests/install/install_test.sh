@@ -20,9 +20,13 @@ cmake --build "$scratch/build" -j2
 "$scratch/build/two_modules"
 
 export PKG_CONFIG_PATH=$scratch/prefix/lib/pkgconfig
-g++ -std=c++17 "$consumer/consumer.cpp" -o "$scratch/consumer" $(pkg-config --cflags --libs orbel) \
-    -Wl,-rpath,"$(pkg-config --variable=libdir orbel)"
-"$scratch/consumer"
+for compiler in g++ clang++; do
+    for standard in c++17 c++20; do
+        "$compiler" -std=$standard "$consumer/consumer.cpp" -o "$scratch/consumer" \
+            $(pkg-config --cflags --libs orbel) -Wl,-rpath,"$(pkg-config --variable=libdir orbel)"
+        "$scratch/consumer"
+    done
+done
 
 soname=$(objdump -p "$scratch"/prefix/lib/liborbel.so | awk '$1 == "SONAME" { print $2 }')
 [ "$soname" = liborbel.so.1 ] || { echo "SONAME is $soname"; exit 1; }
