@@ -63,8 +63,8 @@ TEST_P(TSignalTest, AttachCountsAndRefusesEqualOnes) {
     EXPECT_EQ(mSignal.attach(a.delegate()), 2);
     EXPECT_EQ(mSignal.attach(b.delegate()), 3) << "same member, another object";
     EXPECT_EQ(mSignal.attach(a.delegate()), -1);
-    mSignal.detach(&free1);
-    mSignal.detach(&free1);
+    EXPECT_TRUE(mSignal.detach(&free1));
+    EXPECT_FALSE(mSignal.detach(&free1));
     mSignal.detach(c.delegate());
     EXPECT_EQ(emit(), "ab");
     EXPECT_EQ(mSignal.attach(&free1), 3);

@@ -49,18 +49,19 @@ public:
         return mSize;
     }
 
-    /// Removes the first delegate equal to `proc`; nothing happens if there is none.
-    void detach(const Slot& proc) {
+    /// Removes the first delegate equal to `proc`. False if there is none.
+    bool detach(const Slot& proc) {
         const Lock guard(*this);
         const auto slot = find(proc);
         if (slot == mSlots.end()) {
-            return;
+            return false;
         }
         if (mCursor == slot) {
             ++mCursor;
         }
         mSlots.erase(slot);
         --mSize;
+        return true;
     }
 
     /// The emission: calls every slot with `args`.
