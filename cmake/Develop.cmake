@@ -38,6 +38,8 @@ foreach(source IN LISTS tests)
     set_tests_properties(${name} PROPERTIES TIMEOUT 300)
 endforeach()
 
+target_compile_definitions(FormatsTest PRIVATE ORBEL_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+
 # bench/*Bench.cpp: one Google Benchmark program each; bench/*.cpp: programs with a main of their
 # own. tools/*.cpp: one program each; these see the internals. examples/*.cpp see what an
 # application sees.
@@ -63,6 +65,23 @@ foreach(directory examples tools)
         get_filename_component(name ${source} NAME_WE)
         add_dependencies(helpers ${name})  # tests run these too
     endforeach()
+endforeach()
+
+# The complete program of each guide is built and run as a test, that of the README built only (its
+# names are fixed): what a newcomer copies works.
+file(GLOB guides CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/guide/*.md)
+foreach(page IN LISTS guides ITEMS ${PROJECT_SOURCE_DIR}/README.md)
+    get_filename_component(name ${page} NAME_WE)
+    set(source ${PROJECT_BINARY_DIR}/guide/guide_${name}.cpp)
+    add_custom_command(OUTPUT ${source} DEPENDS ${page} tools/guide_example.sh
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/guide
+        COMMAND ${PROJECT_SOURCE_DIR}/tools/guide_example.sh ${page} ${source})
+    orbel_program(${source} guide orbel::orbel)
+    if(NOT name STREQUAL README)
+        add_test(NAME guide_${name} COMMAND guide_${name})
+        set_tests_properties(guide_${name} PROPERTIES
+            TIMEOUT 60 WORKING_DIRECTORY ${PROJECT_BINARY_DIR}/guide)
+    endif()
 endforeach()
 
 # What is installed can be used from outside, and exports what the list says. The sanitizers'
