@@ -10,12 +10,13 @@ namespace Vantel::Orbel {
 class TimerInternal;
 
 /// A coarse timer for housekeeping: a callback after a delay, once or periodically, on a pooled
-/// thread. It fires on the first tick after its time, up to about 100 ms late, and a slow callback
+/// thread. Ticks come about every 100 ms; a delay counts from the last one, and the timer fires on
+/// the first one after its time, so it is exact to about 100 ms, early or late. A slow callback
 /// holds up neither the other timers nor the ticks. One run of a timer is under way at most: what
 /// falls due during a run is dropped. Exact timers live in an EventLoop.
 ///
-/// The object must not be destroyed by its own callback. One that lives when the process exits
-/// fires no more, once the timer manager is gone.
+/// The callback may destroy its own timer. At the exit of the process all timers stop for good;
+/// callbacks under way are left alone. No timer fires in the child of a fork that does not exec.
 ///
 /// Threads: all methods from any thread and from callbacks.
 class ORBEL_API CTimer {
@@ -24,7 +25,7 @@ public:
     explicit CTimer(const char* name);
     CTimer(const CTimer&) = delete;
     CTimer& operator=(const CTimer&) = delete;
-    /// stopAndWait().
+    /// Disarms the timer and waits as stopAndWait() does.
     virtual ~CTimer();
 
     /// Arms the timer, also one that is armed already: `proc` is called with `param` in `delayMs`
@@ -33,7 +34,8 @@ public:
     /// timer's name, among the overdue threads of CThreadManager. Ends enableStat().
     ///
     /// True; with a delay of 0 whether a thread took the callback: false if the last run still
-    /// goes on, or no thread could be started. False for an empty `proc`, which changes nothing.
+    /// goes on, or no thread could be started. False, and nothing changes, for an empty `proc`
+    /// (with an error line), once the process exits, and in the child of a fork.
     bool start(TDelegate<void, unsigned long> proc, uint32_t delayMs, uint32_t periodMs,
                unsigned long param, uint32_t timeoutMs);
 

@@ -18,8 +18,9 @@ public:
     /// limitIdlePooled() has set a limit.
     void printTimers();
 
-    /// At most `limit` pooled threads from now on, idle or not; a timer that finds them all busy
-    /// waits. 0 or less, the default: no limit.
+    /// At most `limit` pooled threads from now on, idle or not; a timer that falls due while all of
+    /// them are busy waits. What fires at once (CTimer::start without delay, CTimer::stop) has its
+    /// thread all the same. 0 or less, the default: no limit.
     void limitIdlePooled(int limit);
 
     /// Binds pooled threads to a processor, those that are made from now on. False for a negative

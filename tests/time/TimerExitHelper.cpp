@@ -1,0 +1,76 @@
+// Ends with armed timers, static timers and callbacks that are under way: by a return from main, by
+// exit() in a callback, or in a forked child, where none of the threads lives.
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "Vantel/Orbel/CThread.h"
+#include "Vantel/Orbel/CTimer.h"
+
+using Vantel::Orbel::CThread;
+using Vantel::Orbel::CTimer;
+
+namespace {
+
+CTimer armed("armed");
+CTimer repeated("repeated");
+CTimer busy("busy");
+
+void nothing(unsigned long) {}
+
+void sleepPastTheEnd(unsigned long ms) {
+    CThread::sleep(static_cast<int>(ms));
+}
+
+void leave() {
+    std::puts("leaving");
+    std::fflush(stdout);
+}
+
+void exitHere(unsigned long) {
+    leave();
+    std::exit(0);
+}
+
+CTimer* late = nullptr;
+
+/// After the static objects, that is, when the timers have shut down.
+[[gnu::destructor]] void useAndDestroyLate() {
+    if (late != nullptr && late->start(&nothing, 0, 0, 0, 0)) {
+        _exit(2);
+    }
+    delete late;
+    CThread::sleep(300);  // its callback comes back meanwhile
+}
+
+}  // namespace
+
+int main(int, char** argv) {
+    static auto* const forgotten = new CTimer("forgotten");
+    forgotten->start(&nothing, 0, 10, 0, 0);
+    armed.start(&nothing, 3600000, 0, 0, 0);
+    repeated.start(&nothing, 0, 10, 0, 0);
+    late = new CTimer("late");
+    late->start(&sleepPastTheEnd, 0, 0, 300, 0);
+    if (std::strcmp(argv[1], "callback") == 0) {
+        busy.start(&exitHere, 0, 0, 0, 0);
+        CThread::sleep(30000);
+        return 1;
+    }
+    if (std::strcmp(argv[1], "fork") == 0) {
+        const pid_t child = fork();
+        if (child == 0) {
+            std::exit(0);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        leave();
+        return status;
+    }
+    leave();
+    return 0;
+}
