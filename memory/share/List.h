@@ -45,6 +45,17 @@ bool listInsert(List* head, List* node, ListArea area);
 /// Takes a member out; its own fields stay as they are.
 bool listRemove(List* head, List* node, ListArea area);
 
+/// The record whose link, `linkOffset` bytes into it, is `link`; null if it doesn't lie in `area`
+/// wholly.
+template <class Record>
+Record* listRecord(List* link, size_t linkOffset, ListArea area) {
+    const uint64_t offset = area.offsetOf(link);
+    if (offset < linkOffset || area.sizeBytes - offset < sizeof(Record) - linkOffset) {
+        return nullptr;
+    }
+    return reinterpret_cast<Record*>(area.base + (offset - linkOffset));
+}
+
 /// How many members there are, up to a link that leads outside.
 size_t listCount(const List* head, ListArea area);
 
