@@ -40,6 +40,26 @@ endforeach()
 
 target_compile_definitions(FormatsTest PRIVATE ORBEL_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
 
+# examples/plugins/*.cpp, tests/<subsystem>/plugins/*.cpp: one plug-in each, a library that is loaded
+# by its path, plugins/<name>.so. Those of the examples use the library, as an application's do.
+file(GLOB plugins CONFIGURE_DEPENDS
+    ${PROJECT_SOURCE_DIR}/examples/plugins/*.cpp ${PROJECT_SOURCE_DIR}/tests/*/plugins/*.cpp)
+foreach(source IN LISTS plugins)
+    get_filename_component(name ${source} NAME_WE)
+    add_library(${name} MODULE ${source})
+    set_target_properties(${name} PROPERTIES
+        PREFIX "" CXX_EXTENSIONS OFF CXX_VISIBILITY_PRESET hidden
+        LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/plugins)
+    target_compile_features(${name} PRIVATE cxx_std_20)
+    target_compile_options(${name} PRIVATE -Wall -Wextra -Wshadow -Werror)
+    if(source MATCHES "/examples/plugins/")
+        target_link_libraries(${name} PRIVATE orbel::orbel)
+    else()
+        target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/include)
+    endif()
+    add_dependencies(helpers ${name})
+endforeach()
+
 # bench/*Bench.cpp: one Google Benchmark program each; bench/*.cpp: programs with a main of their
 # own. tools/*.cpp: one program each; these see the internals. examples/*.cpp see what an
 # application sees.

@@ -1,0 +1,285 @@
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <thread>
+
+#include "Vantel/Orbel/ErrorState.h"
+#include "object/PluginHelperImpl.h"
+#include "tests/file/TempDirectory.h"
+#include "tests/support/HelperProcess.h"
+#include "tests/support/LogCapture.h"
+
+using namespace Vantel::Object;
+using Vantel::Orbel::getLastErrno;
+using Ids = std::vector<std::string>;
+
+namespace {
+
+class CountedObject : public IObject {
+public:
+    void destroy() override { ++mDestroyed; }
+    int mDestroyed = 0;
+};
+
+class NamedFactory : public IObjectFactory {
+public:
+    explicit NamedFactory(const char* classId) : mClassId(classId) {}
+    const char* getClassId() override { return mClassId; }
+
+private:
+    const char* mClassId;
+};
+
+std::string pluginDirectory() {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../plugins";
+}
+
+PluginHelperImpl* loading = nullptr;  // the helper that a plug-in's entry points call
+Ids called;
+
+/// A copy of the hooked plug-in, which is a library of its own to the loader.
+class HookedPlugin {
+public:
+    HookedPlugin(const OrbelTest::TempDirectory& directory, const std::string& name,
+                 int (*onInit)(), int (*onExit)())
+        : mPath(directory / name) {
+        std::filesystem::copy_file(pluginDirectory() + "/Hooked.so", mPath);
+        mHandle = dlopen(mPath.c_str(), RTLD_LAZY);
+        *static_cast<int (**)()>(dlsym(mHandle, "hookedInit")) = onInit;
+        *static_cast<int (**)()>(dlsym(mHandle, "hookedExit")) = onExit;
+    }
+    HookedPlugin(const HookedPlugin&) = delete;
+    HookedPlugin& operator=(const HookedPlugin&) = delete;
+    ~HookedPlugin() { letGo(); }
+
+    const char* path() const { return mPath.c_str(); }
+    /// Whether the library is still there without the test's own handle.
+    bool letGo() {
+        if (mHandle != nullptr) {
+            dlclose(std::exchange(mHandle, nullptr));
+        }
+        void* const other = dlopen(mPath.c_str(), RTLD_LAZY | RTLD_NOLOAD);
+        return other != nullptr && dlclose(other) == 0;
+    }
+
+private:
+    std::string mPath;
+    void* mHandle;
+};
+
+class PluginHelperTest : public testing::Test {
+protected:
+    PluginHelperTest() {
+        loading = &mHelper;
+        called.clear();
+        getLastErrno();
+    }
+
+    OrbelTest::TempDirectory mDirectory;
+    OrbelTest::LogCapture mLog;
+    PluginHelperImpl mHelper;
+    NamedFactory mFirst{"first"};
+    NamedFactory mSecond{"second"};
+};
+
+TEST_F(PluginHelperTest, LibrariesThatAreNoPlugins) {
+    const size_t before = mLog.lines().size();
+    EXPECT_FALSE(mHelper.loadClass(nullptr));
+    EXPECT_EQ(mLog.lines().size(), before) << "null is refused silently";
+    const std::string text = mDirectory.write("text.so", "no library");
+    const struct {
+        const char* why;
+        std::string path;
+        const char* line;
+    } cases[] = {
+        {"missing", mDirectory / "missing.so", "missing.so failed, reason = "},
+        {"a text", text, "text.so failed, reason = "},
+        {"a directory", mDirectory.path(), " failed, reason = "},
+        {"no entry point", "libm.so.6", "library not found objectPluginInit sysbol"},
+        {"empty: the program itself", "", "library not found objectPluginInit sysbol"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        const int lines = mLog.count(c.line);
+        EXPECT_FALSE(mHelper.loadClass(c.path.c_str()));
+        EXPECT_FALSE(mHelper.loadClass(c.path.c_str())) << "it is not taken as loaded";
+        EXPECT_EQ(mLog.count(c.line), lines + 2);
+    }
+    EXPECT_FALSE(mHelper.unloadClass("libm.so.6"));
+    EXPECT_TRUE(mLog.has("object not support unload dynamic library"));
+}
+
+TEST_F(PluginHelperTest, PluginThatFailsIsClosedAndItsFactoriesStay) {
+    static NamedFactory factory("early");
+    HookedPlugin plugin(
+        mDirectory, "fails.so",
+        [] {
+            called.push_back("init");
+            return loading->registerFactory("object", &factory) ? 7 : 0;
+        },
+        [] { return 0; });
+    EXPECT_FALSE(mHelper.loadClass(plugin.path()));
+    EXPECT_FALSE(mHelper.loadClass(plugin.path()));
+    EXPECT_EQ(called, (Ids{"init", "init"}));
+    EXPECT_EQ(mLog.count("plugin dynamic library objectPluginInit failed 7"), 2);
+    EXPECT_EQ(mHelper.getFactory("object", "early"), &factory);
+    EXPECT_FALSE(plugin.letGo()) << "a handle leaked";
+}
+
+TEST_F(PluginHelperTest, LibrariesAreInitialisedOnceAndLeaveInTheOrderOfTheirPaths) {
+    static std::string pathOfA;
+    static NamedFactory factory("late");
+    HookedPlugin b(
+        mDirectory, "b.so",
+        [] {
+            called.push_back("init b");
+            return loading->registerFactory("object", &factory) ? 0 : 1;
+        },
+        [] {
+            called.push_back("exit b");
+            return loading->unregisterFactory("object", &factory) ? 0 : 1;
+        });
+    HookedPlugin a(
+        mDirectory, "a.so",
+        [] {
+            called.push_back("init a");
+            // A plug-in that loads itself, on the way of others or not, does not go round.
+            return loading->loadClass(pathOfA.c_str()) ? 0 : 1;
+        },
+        [] {
+            called.push_back("exit a");
+            return 3;
+        });
+    pathOfA = a.path();
+    {
+        PluginHelperImpl helper;
+        loading = &helper;
+        for (int turn = 0; turn < 2; ++turn) {
+            EXPECT_TRUE(helper.loadClass(b.path()));
+            EXPECT_TRUE(helper.loadClass(a.path()));
+        }
+        EXPECT_EQ(called, (Ids{"init b", "init a"}));
+        EXPECT_EQ(mLog.count(" already load plugin dynamic library "), 3);
+        EXPECT_TRUE(a.letGo() && b.letGo()) << "held until the end";
+        called.clear();
+    }
+    EXPECT_EQ(called, (Ids{"exit a", "exit b"}));
+    EXPECT_EQ(mLog.count("plugin dynamic library objectPluginExit failed"), 1) << "that of a";
+    EXPECT_FALSE(a.letGo() || b.letGo());
+}
+
+TEST_F(PluginHelperTest, FactoriesByObjectAndClass) {
+    NamedFactory rival("first");
+    NamedFactory nameless(nullptr);
+    Ids ids{"stays"};
+    EXPECT_FALSE(mHelper.getClassIds("object", ids));
+    EXPECT_EQ(ids, Ids{"stays"});
+    EXPECT_EQ(getLastErrno(), 7);
+    EXPECT_TRUE(mHelper.registerFactory("object", &mSecond));
+    EXPECT_TRUE(mHelper.registerFactory("object", &mFirst));
+    EXPECT_TRUE(mHelper.registerFactory("object", &mFirst));
+    EXPECT_EQ(mLog.count(" objectId object, classId first register twice by "), 1);
+    EXPECT_FALSE(mHelper.registerFactory("object", &rival));
+    EXPECT_EQ(mLog.count("objectId object, classId first already register by "), 1);
+    EXPECT_FALSE(mHelper.registerFactory(nullptr, &mFirst));
+    EXPECT_FALSE(mHelper.registerFactory("other", &nameless));
+    EXPECT_FALSE(mHelper.registerFactory("other", nullptr));
+    EXPECT_TRUE(mHelper.getClassIds("object", ids));
+    EXPECT_EQ(ids, (Ids{"first", "second"}));
+    EXPECT_EQ(mHelper.getFactory("object", "first"), &mFirst);
+
+    const struct {
+        const char* objectId;
+        const char* classId;
+        int error;
+    } missing[] = {
+        {"other", "first", 7},   {nullptr, "first", 7}, {"object", "third", 20},
+        {"object", nullptr, 20}, {"object", "", 20},
+    };
+    for (const auto& c : missing) {
+        EXPECT_EQ(mHelper.getFactory(c.objectId, c.classId), nullptr);
+        EXPECT_EQ(getLastErrno(), c.error);
+    }
+    EXPECT_FALSE(mHelper.unregisterFactory("other", &mFirst));
+    EXPECT_EQ(getLastErrno(), 7);
+    for (IObjectFactory* wrong : {&rival, &nameless, static_cast<NamedFactory*>(nullptr)}) {
+        EXPECT_FALSE(mHelper.unregisterFactory("object", wrong));
+        EXPECT_EQ(getLastErrno(), 20);
+    }
+    EXPECT_TRUE(mHelper.unregisterFactory("object", &mFirst));
+    EXPECT_TRUE(mHelper.unregisterFactory("object", &mSecond));
+    EXPECT_FALSE(mHelper.unregisterFactory("object", &mSecond));
+    EXPECT_EQ(getLastErrno(), 20);
+    EXPECT_TRUE(mHelper.getClassIds("object", ids)) << "known without classes";
+    EXPECT_TRUE(ids.empty());
+}
+
+TEST_F(PluginHelperTest, OneObjectForEachPairOfIds) {
+    CountedObject object;
+    CountedObject rival;
+    {
+        PluginHelperImpl helper;
+        for (int turn = 0; turn < 2; ++turn) {
+            EXPECT_EQ(helper.makeInstance(&object, "object", "class"), &object);
+        }
+        EXPECT_DEATH(helper.makeInstance(&rival, "object", "class"), "Assertion");
+        EXPECT_EQ(helper.makeInstance(&rival, "object", "other"), &rival);
+        EXPECT_EQ(helper.addRef(&rival), 2u);
+        EXPECT_EQ(helper.makeInstance(nullptr, "object", "class"), nullptr);
+        EXPECT_EQ(getLastErrno(), 22);
+        EXPECT_EQ(helper.makeInstance(&object, nullptr, "class"), nullptr);
+        EXPECT_EQ(getLastErrno(), 7);
+        EXPECT_EQ(helper.makeInstance(&object, "object", nullptr), nullptr);
+        EXPECT_EQ(getLastErrno(), 20);
+        EXPECT_EQ(helper.makeObject(&object), &object);
+        EXPECT_EQ(getLastErrno(), 0);
+        EXPECT_EQ(helper.makeObject(nullptr), nullptr);
+        EXPECT_EQ(getLastErrno(), 21);
+        EXPECT_EQ(helper.addRef(nullptr) + helper.subRef(nullptr), 0u);
+    }
+    EXPECT_EQ(object.mDestroyed, 1) << "the second time took another reference";
+    EXPECT_EQ(rival.mDestroyed, 0);
+    EXPECT_EQ(mHelper.subRef(&rival), 0u);
+    EXPECT_EQ(rival.mDestroyed, 1);
+}
+
+TEST_F(PluginHelperTest, ReferencesAndTablesUnderManyThreads) {
+    CountedObject object;
+    object.addRef();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([&, i] {
+            const std::string classId = "class" + std::to_string(i);
+            NamedFactory factory(classId.c_str());
+            Ids ids;
+            for (int turn = 0; turn < 500; ++turn) {
+                EXPECT_TRUE(factory.registerFactory("threads"));
+                EXPECT_TRUE(PluginHelperImpl::instance()->getClassIds("threads", ids));
+                EXPECT_TRUE(factory.unregisterFactory("threads"));
+                object.addRef();
+                object.release();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(object.mDestroyed, 0);
+    EXPECT_EQ(object.release(), 0u);
+    EXPECT_EQ(object.mDestroyed, 1);
+}
+
+TEST(PluginExample, HostFindsTheClassOfThePlugin) {
+    const std::string sonar = pluginDirectory() + "/sonar.so";
+    OrbelTest::HelperProcess host("../examples/plugin_host", {sonar, sonar});
+    std::string line;
+    ASSERT_TRUE(host.readLine(line));
+    EXPECT_EQ(line, "sonar: 1.715 m");
+    EXPECT_EQ(host.wait(), 0);
+    OrbelTest::HelperProcess without("../examples/plugin_host", {"./missing.so"});
+    EXPECT_EQ(WEXITSTATUS(without.wait()), 1);
+}
+
+}  // namespace
