@@ -2,6 +2,8 @@
 
 #include <json/json.h>
 
+#include "utils/JsonNesting.h"
+
 // The reader and both writers are deprecated, but what they accept and print is what documents of
 // this family were written with.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -14,9 +16,9 @@ bool parse(const char* begin, const char* end, Json::Value& value) {
     Json::Reader reader(Json::Features::strictMode());
     bool parsed = false;
     try {
-        parsed = reader.parse(begin, end, value, true);
+        parsed = nestingFits(begin, end) && reader.parse(begin, end, value, true);
     } catch (const Json::Exception&) {
-        // Nested beyond the parser's limit of 1000.
+        // A scalar on level 1000 counts as one level more, which the parser refuses by a throw.
     }
     if (!parsed) {
         value = Json::Value();  // the parser leaves the part that it understood
