@@ -1,0 +1,303 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/support/HelperProcess.h"
+#include "tests/support/TestName.h"
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#else
+constexpr bool kSanitized = false;
+#endif
+
+using OrbelTest::HelperProcess;
+using std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+/// What a child wrote and how it ended.
+struct Outcome {
+    std::vector<std::string> lines;
+    int status;
+
+    size_t count(const std::string& text) const {
+        return static_cast<size_t>(std::count_if(lines.begin(), lines.end(), [&](const auto& line) {
+            return line.find(text) != std::string::npos;
+        }));
+    }
+    /// What stands behind `begin` in the first line that starts so.
+    std::string behind(const std::string& begin) const {
+        for (const std::string& line : lines) {
+            if (line.compare(0, begin.size(), begin) == 0) {
+                return line.substr(begin.size());
+            }
+        }
+        return "(no line " + begin + ")";
+    }
+    /// Whether lines that start so come in this order; otherwise the first that does not.
+    std::string firstMissing(const std::vector<std::string>& begins) const {
+        size_t found = 0;
+        for (const std::string& line : lines) {
+            if (found < begins.size() &&
+                line.compare(0, begins[found].size(), begins[found]) == 0) {
+                ++found;
+            }
+        }
+        return found < begins.size() ? begins[found] : "";
+    }
+};
+
+Outcome finish(HelperProcess& child) {
+    Outcome outcome;
+    std::string line;
+    while (child.readLine(line, 60000)) {
+        outcome.lines.push_back(line);
+    }
+    outcome.status = child.wait();
+    return outcome;
+}
+
+Outcome run(const std::vector<std::string>& arguments) {
+    HelperProcess child("CrashHelper", arguments);
+    return finish(child);
+}
+
+const std::string kSegv = std::to_string(SIGSEGV);
+
+class CrashReportTest : public testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        // What the handler does is not async-signal-safe, and it is meant so.
+        const char* given = getenv("TSAN_OPTIONS");
+        setenv("TSAN_OPTIONS",
+               (std::string(given != nullptr ? given : "") + " report_signal_unsafe=0").c_str(), 1);
+        // A report that hangs, and one that crashes itself.
+        for (const auto& [where, hook] :
+             {std::pair{"crowd", "report=stuck"}, {"main", "report=crash"}}) {
+            stuck.push_back(std::make_unique<HelperProcess>(
+                "CrashHelper", std::vector<std::string>{kSegv, where, "callback", hook}));
+        }
+        started = steady_clock::now();
+    }
+    static void TearDownTestSuite() { stuck.clear(); }
+
+    CrashReportTest() { fs::create_directories(mDirectory + "/coredump"); }
+    ~CrashReportTest() override { fs::remove_all(mDirectory); }
+
+    /// A program in place of the debugger, which notes that it ran and with what.
+    std::string fakeDebugger() const {
+        const std::string path = mDirectory + "/debugger";
+        std::ofstream(path) << "#!/bin/sh\nfor a; do echo \"$a\"; done >" << mDirectory
+                            << "/ran\nexit 3\n";
+        fs::permissions(path, fs::perms::owner_all);
+        return path;
+    }
+    std::string whatTheDebuggerGot() const {
+        std::ostringstream text;
+        text << std::ifstream(mDirectory + "/ran").rdbuf();
+        return text.str();
+    }
+
+    const std::string mDirectory = fs::temp_directory_path() / OrbelTest::uniqueName("crash");
+    // These wait out the ten seconds of a report; started first, looked at last.
+    static inline std::vector<std::unique_ptr<HelperProcess>> stuck;
+    static inline steady_clock::time_point started;
+};
+
+TEST_F(CrashReportTest, EachSignalIsReportedAndEndsTheProcess) {
+    for (const int signo : {SIGABRT, SIGSEGV, SIGILL, SIGFPE, SIGBUS, SIGSYS}) {
+        for (const char* where : {"main", "thread"}) {
+            for (const char* sink : {"logger", "callback"}) {
+                SCOPED_TRACE(std::to_string(signo) + " " + where + " " + sink);
+                const Outcome got = run({std::to_string(signo), where, sink});
+                const bool logger = strcmp(sink, "logger") == 0;
+                const std::string name = strcmp(where, "main") == 0 ? "CrashHelper" : "doomed";
+                EXPECT_EQ(got.behind("6 coredump "), "thread id = " + got.behind("crashing ") +
+                                                         " thread name = " + name +
+                                                         " signo = " + std::to_string(signo));
+                EXPECT_EQ(got.firstMissing({"crashing",
+                                            "6 coredump thread id",
+                                            logger ? "" : "callback 0",
+                                            "6 print system info begin",
+                                            "6 Memory Info ",
+                                            "6 Thread Info ",
+                                            "6 Uptime Info ",
+                                            "6 proc meminfo ",
+                                            "MemTotal:",
+                                            "6 application maps Info ",
+                                            "6 application status Info ",
+                                            "Name:",
+                                            "6 application fd Info ",
+                                            "6 print system info end",
+                                            "6 print backtrace begin",
+                                            "6 ",
+                                            "6 print backtrace end",
+                                            "flush",
+                                            "wait 2000",
+                                            logger ? "" : "callback 1"}),
+                          "");
+                EXPECT_EQ(got.count("coredump"), 1u) << "one report, and no core";
+                EXPECT_EQ(got.count("of another user"), 0u);
+                if (logger) {
+                    EXPECT_TRUE(WIFEXITED(got.status) && WEXITSTATUS(got.status) == 255)
+                        << got.status;
+                } else {
+                    EXPECT_TRUE(WIFSIGNALED(got.status) && WTERMSIG(got.status) == signo)
+                        << got.status;
+                }
+            }
+        }
+    }
+}
+
+TEST_F(CrashReportTest, TwoThreadsAtOnceAreReportedInTurn) {
+    const Outcome got = run({kSegv, "two", "callback"});
+    EXPECT_EQ(got.firstMissing({"6 coredump thread id", "callback 0", "callback 1",
+                                "6 coredump thread id", "callback 0", "callback 1"}),
+              "");
+    for (const std::string& line : got.lines) {
+        if (line.compare(0, 9, "crashing ") == 0) {
+            EXPECT_EQ(got.count("coredump thread id = " + line.substr(9) + " "), 1u);
+        }
+    }
+    EXPECT_TRUE(WIFSIGNALED(got.status) && WTERMSIG(got.status) == SIGSEGV) << got.status;
+    EXPECT_EQ(got.count("returned"), 0u);
+}
+
+TEST_F(CrashReportTest, WithoutAReportingThreadTheDefaultActionComesAtOnce) {
+    const auto start = steady_clock::now();
+    const Outcome child = run({kSegv, "child", "callback"});
+    const auto signalOf = [](const std::string& status) { return WTERMSIG(atoi(status.c_str())); };
+    EXPECT_EQ(signalOf(child.behind("child ")), SIGSEGV) << "a forked child";
+    EXPECT_EQ(child.lines.back(), "child " + std::to_string(7 << 8)) << "its exit hangs or fails";
+    EXPECT_EQ(child.status, 0);
+
+    const Outcome late = run({kSegv, "late", "callback"});
+    EXPECT_TRUE(WIFSIGNALED(late.status) && WTERMSIG(late.status) == SIGSEGV) << late.status;
+    EXPECT_EQ(child.count("callback") + late.count("callback"), 0u);
+    EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(10)) << "waited for nobody";
+}
+
+TEST_F(CrashReportTest, CommandsThatFailSaySoAndTheReportGoesOn) {
+    const struct {
+        const char* option;
+        const char* line;
+    } cases[] = {
+        {"nofile", "5 execCmd cat /proc/meminfo, popen error: Too many open files"},
+        {"nochild", "5 execCmd cat /proc/meminfo, pclose error: No child processes"},
+        {"nopath", "5 execCmd busybox free -m , pclose exit status: 127"},
+    };
+    const std::string path = getenv("PATH");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.option);
+        setenv("PATH", strcmp(c.option, "nopath") == 0 ? mDirectory.c_str() : path.c_str(), 1);
+        const Outcome got = run({kSegv, "main", "callback", c.option});
+        EXPECT_EQ(got.count(c.line), 1u);
+        EXPECT_EQ(got.firstMissing({"6 proc meminfo ", "6 application fd Info ",
+                                    "6 print backtrace begin", "callback 1"}),
+                  "");
+    }
+    setenv("PATH", path.c_str(), 1);
+}
+
+TEST_F(CrashReportTest, TheDebuggerIsAskedForACore) {
+    const std::string core = mDirectory + "/coredump/crasher.core";
+    const Outcome got = run({kSegv, "main", "callback", "coredump=true", "logPath=" + mDirectory,
+                             "gdbPath=" + fakeDebugger()});
+    EXPECT_EQ(
+        got.firstMissing({"wait 2000", "6 coredump [" + core + "] status " + std::to_string(3 << 8),
+                          "wait 2000", "callback 1"}),
+        "");
+    const std::string asked = whatTheDebuggerGot();
+    EXPECT_EQ(asked.substr(0, asked.find("attach ")),
+              "--nx\n--batch\n--readnever\n-ex\nset pagination off\n-ex\nset height 0\n-ex\n"
+              "set width 0\n-ex\nset use-coredump-filter off\n-ex\nset dump-excluded-mappings on\n"
+              "-ex\n");
+    EXPECT_NE(asked.find("\n-ex\ngcore " + core + "\n-ex\ndetach\n-ex\nquit\n"), std::string::npos)
+        << asked;
+}
+
+TEST_F(CrashReportTest, WithoutAConfiguredDebuggerThereIsNoCore) {
+    const std::string logPath = "logPath=" + mDirectory;
+    const std::string debugger = "gdbPath=" + fakeDebugger();
+    for (const auto& options : std::vector<std::vector<std::string>>{
+             {debugger},
+             {debugger, "coredump=false"},
+             {"gdbPath=" + mDirectory + "/none", "coredump=true"}}) {
+        std::vector<std::string> arguments{kSegv, "main", "callback", logPath};
+        arguments.insert(arguments.end(), options.begin(), options.end());
+        const Outcome got = run(arguments);
+        EXPECT_EQ(got.count("coredump ["), 0u);
+        EXPECT_EQ(got.count("callback 1"), 1u);
+    }
+    // And none if a debugger started the process: here a shell of such a name.
+    fs::copy_file(fs::canonical("/bin/sh"), mDirectory + "/mygdb");
+    const std::string helper = fs::canonical("/proc/self/exe").parent_path() / "CrashHelper";
+    const std::string command = mDirectory + "/mygdb -c '" + helper + " " + kSegv +
+                                " main callback coredump=true " + logPath + " " + debugger +
+                                "; true'";
+    EXPECT_EQ(system((command + " | grep -q 'callback 1'").c_str()), 0);
+    EXPECT_EQ(whatTheDebuggerGot(), "");
+}
+
+TEST_F(CrashReportTest, TheCoreShowsTheMemoryOfTheProcess) {
+    if (kSanitized) {
+        GTEST_SKIP() << "the shadow memory of a sanitizer would be part of the core";
+    }
+    if (access("/usr/bin/gdb", X_OK) != 0) {
+        GTEST_SKIP() << "no debugger is installed";
+    }
+    const auto outputOf = [](const std::string& command) {
+        std::string text;
+        FILE* pipe = popen(command.c_str(), "r");
+        for (int c = fgetc(pipe); c != EOF; c = fgetc(pipe)) {
+            text += static_cast<char>(c);
+        }
+        pclose(pipe);
+        return text;
+    };
+    if (outputOf("gdb --nx --batch -ex 'attach " + std::to_string(getpid()) + "' 2>&1")
+            .find("not permitted") != std::string::npos) {
+        GTEST_SKIP() << "a debugger may not attach to its parent here";
+    }
+    const std::string core = mDirectory + "/coredump/crasher.core";
+    const Outcome got =
+        run({kSegv, "thread", "callback", "coredump=true", "logPath=" + mDirectory});
+    EXPECT_EQ(got.behind("6 coredump ["), core + "] status 0");
+    EXPECT_TRUE(WIFSIGNALED(got.status) && WTERMSIG(got.status) == SIGSEGV) << got.status;
+    const std::string helper = fs::canonical("/proc/self/exe").parent_path() / "CrashHelper";
+    const std::string seen = outputOf("gdb --nx --batch -ex 'x/s (char*)&crashMarker' -ex " +
+                                      ("'info threads' " + helper) + " " + core + " 2>&1");
+    EXPECT_NE(seen.find("found in the core"), std::string::npos) << seen;
+    EXPECT_NE(seen.find("LWP " + got.behind("crashing ")), std::string::npos) << seen;
+}
+
+/// The last: by now most of the ten seconds have passed.
+TEST_F(CrashReportTest, AReportThatHangsIsGivenTenSeconds) {
+    size_t returned = 0;
+    for (auto& child : stuck) {
+        const Outcome got = finish(*child);
+        EXPECT_TRUE(WIFSIGNALED(got.status) && WTERMSIG(got.status) == SIGSEGV) << got.status;
+        EXPECT_GE(steady_clock::now() - started, std::chrono::seconds(10));
+        EXPECT_EQ(got.count("callback 0"), 1u);
+        EXPECT_EQ(got.count("callback 1"), 0u);
+        returned += got.count("returned");
+    }
+    EXPECT_GE(returned, 1u) << "a full ring sends the signal back";
+}
+
+}  // namespace
