@@ -45,6 +45,7 @@ private:
     MemoryBlock(void* buffer, int32_t size) : mSize(size), mBuffer(buffer) {}
     ~MemoryBlock() = default;
 
+    static MemoryBlock* claimBlock(ShareMemoryPool& pool, int32_t offset, uint32_t size);
     static void destroyObject(MemoryBlock* block);
 
     int32_t mSize;

@@ -28,4 +28,12 @@ static_assert(offsetof(ShareDescription, magic) == 0 &&
               offsetof(ShareDescription, extraSize) == 12 &&
               offsetof(ShareDescription, block) == 16);
 
+/// Bytes of a description without extra data.
+inline constexpr size_t kShareDescriptionBytes = sizeof(ShareDescription) + sizeof kShareTailMagic;
+
+/// Reads the description in the `len` bytes at `bytes`, which may come from anywhere, into `head`:
+/// one whose words agree with each other and with `len`. False, with an error line, otherwise.
+/// Whether its block is there is another question.
+bool readShareDescription(const void* bytes, int len, ShareDescription& head);
+
 }  // namespace Vantel::Memory

@@ -49,7 +49,6 @@ private:
 
     bool allocate(int size, int extraSize);
     bool claim(const void* description, int size);
-    bool allocateExtra(int extraSize, const void* content);
 
     std::shared_ptr<MemoryBlock> mBlock;
     uint32_t mSize = 0;  // asked for, or described

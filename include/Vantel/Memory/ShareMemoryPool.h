@@ -7,6 +7,8 @@
 
 namespace Vantel::Memory {
 
+class MemoryBlock;
+class ShareMemoryManager;
 struct Buddy;
 struct MemoryRefer;
 struct SmallMemory;
@@ -86,11 +88,14 @@ public:
     /// The cleaning timer's callback; the argument is not used.
     void timerProc(uint64_t param);
 
-    /// Starts the cleaning, once a second from now on. For the creator of the pool.
-    bool startCleaning();
-
 private:
+    friend class MemoryBlock;
+    friend class ShareMemoryManager;
     class ORBEL_LOCAL Internal;
+
+    bool startCleaning();
+    uint32_t blockSize(int32_t offset) const;
+
     std::unique_ptr<Internal> mInternal;
 };
 
