@@ -70,8 +70,8 @@ public:
 private:
     class ORBEL_LOCAL Internal;
 
-    ShareMemoryManager();
-    ~ShareMemoryManager();
+    ORBEL_LOCAL ShareMemoryManager();
+    ORBEL_LOCAL ~ShareMemoryManager();
 
     std::unique_ptr<Internal> mInternal;
 };

@@ -33,7 +33,7 @@ public:
     };
 
     /// Takes over the three tables. Made by ShareMemoryManager only.
-    ShareMemoryPool(Buddy* buddy, MemoryRefer* refer, SmallMemory* smallMem);
+    ORBEL_LOCAL ShareMemoryPool(Buddy* buddy, MemoryRefer* refer, SmallMemory* smallMem);
     ShareMemoryPool(const ShareMemoryPool&) = delete;
     ShareMemoryPool& operator=(const ShareMemoryPool&) = delete;
 
@@ -93,8 +93,8 @@ private:
     friend class ShareMemoryManager;
     class ORBEL_LOCAL Internal;
 
-    bool startCleaning();
-    uint32_t blockSize(int32_t offset) const;
+    ORBEL_LOCAL bool startCleaning();
+    ORBEL_LOCAL uint32_t blockSize(int32_t offset) const;
 
     std::unique_ptr<Internal> mInternal;
 };
