@@ -1,0 +1,169 @@
+// A process of the shared pool that does what it is told, one line at a time, and answers each with
+// one line. Packets are named by the order in which they were made here.
+//
+//     create DATA PAGE MODE | attach          yes, no
+//     packet SIZE EXTRA | claim HEX           the packet's name, or "invalid"
+//     describe PACKET                         HEX, or "invalid"
+//     text PACKET | extra PACKET | addr PACKET
+//     write PACKET TEXT | drop PACKET      done
+//     free                                    bytes free in the pool
+//     guard SIZE                              yes, no: a block of the pool itself
+//     poke OFFSET | unguard                   done: writes a byte there; gives the block back
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Vantel/Memory/InitializeMemory.h"
+#include "Vantel/Memory/Packet.h"
+#include "Vantel/Memory/ShareMemoryManager.h"
+#include "Vantel/Memory/SharePacket.h"
+
+using namespace Vantel::Memory;
+
+namespace {
+
+std::vector<Packet> packets;
+uint8_t* guarded = nullptr;
+
+void freeBytes(void* bytes, unsigned long, unsigned char*) {
+    free(bytes);
+}
+
+std::string keep(const Packet& packet) {
+    if (!packet.valid()) {
+        return "invalid";
+    }
+    packets.push_back(packet);
+    return std::to_string(packets.size() - 1);
+}
+
+std::string initial(std::istream& in, uint32_t role) {
+    SharePacket::Param param{};
+    param.role = role;
+    in >> param.dataSize >> param.pageSize >> param.debugMode;
+    return SharePacket::instance()->initialPacket(&param) ? "yes" : "no";
+}
+
+std::string makePacket(int size, int extraSize) {
+    Packet packet(size, extraSize);
+    if (packet.valid()) {
+        std::string text = "packet " + std::to_string(packets.size());
+        packet.putBuffer(text.data(), static_cast<int>(text.size()));
+        if (extraSize > 0) {
+            memset(packet.getExtraData(), 'x', static_cast<size_t>(extraSize));
+        }
+    }
+    return keep(packet);
+}
+
+std::string describe(const Packet& packet) {
+    const Packet description = SharePacket::instance()->convertDescribe(packet);
+    std::string hex;
+    for (int i = 0; i < description.size(); ++i) {
+        char digits[3];
+        snprintf(digits, sizeof digits, "%02x", description.getBuffer()[i]);
+        hex += digits;
+    }
+    return description.valid() ? hex : "invalid";
+}
+
+std::string claim(const std::string& hex) {
+    const size_t length = hex.size() / 2;
+    auto* bytes = static_cast<uint8_t*>(malloc(length));
+    for (size_t i = 0; i < length; ++i) {
+        bytes[i] = static_cast<uint8_t>(std::stoul(hex.substr(2 * i, 2), nullptr, 16));
+    }
+    const Packet description(bytes, static_cast<int>(length), Packet::FreeFunction(&freeBytes));
+    const Packet packet = SharePacket::instance()->convertOriginal(description);
+    return packet.getBuffer() == bytes ? "unchanged" : keep(packet);
+}
+
+std::string freeSize() {
+    uint32_t size = 0;
+    ShareMemoryManager::instance()->getMemFreeSize(size);
+    return std::to_string(size);
+}
+
+std::string onPacket(const std::string& word, std::istream& in) {
+    size_t number = 0;
+    std::string text;
+    in >> number >> text;
+    Packet& packet = packets.at(number);
+    if (word == "describe") {
+        return describe(packet);
+    }
+    if (word == "text") {
+        return {reinterpret_cast<char*>(packet.getBuffer()), static_cast<size_t>(packet.size())};
+    }
+    if (word == "extra") {
+        return {static_cast<char*>(packet.getExtraData()),
+                static_cast<size_t>(packet.getExtraSize())};
+    }
+    if (word == "addr") {
+        return std::to_string(reinterpret_cast<uintptr_t>(packet.getBuffer()));
+    }
+    if (word == "write") {
+        memcpy(packet.getBuffer(), text.data(), text.size());
+    } else if (word == "drop") {
+        packet.reset();
+    }
+    return "done";
+}
+
+std::string guardedBlock(const std::string& word, std::istream& in) {
+    int number = 0;
+    in >> number;
+    ShareMemoryPool* pool = ShareMemoryManager::instance()->getMemPool();
+    if (word == "guard") {
+        int32_t size = number;
+        guarded = static_cast<uint8_t*>(pool->malloc(size));
+        return guarded != nullptr && size == number ? "yes" : "no";
+    }
+    if (word == "poke") {
+        const_cast<volatile uint8_t*>(guarded)[number] = 1;
+    } else {
+        pool->free(guarded);
+    }
+    return "done";
+}
+
+std::string answer(const std::string& line) {
+    std::istringstream in(line);
+    std::string word;
+    in >> word;
+    if (word == "create" || word == "attach") {
+        return initial(in, word == "create" ? 1 : 0);
+    }
+    if (word == "packet") {
+        int size = 0;
+        int extraSize = 0;
+        in >> size >> extraSize;
+        return makePacket(size, extraSize);
+    }
+    if (word == "claim") {
+        std::string hex;
+        in >> hex;
+        return claim(hex);
+    }
+    if (word == "free") {
+        return freeSize();
+    }
+    if (word == "guard" || word == "poke" || word == "unguard") {
+        return guardedBlock(word, in);
+    }
+    return onPacket(word, in);
+}
+
+}  // namespace
+
+int main() {
+    initializeMemory(policyShare, nullptr, nullptr);
+    for (std::string line; std::getline(std::cin, line);) {
+        std::cout << answer(line) << std::endl;
+    }
+}
