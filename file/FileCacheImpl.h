@@ -44,7 +44,6 @@ private:
     using CacheImplPtr = std::shared_ptr<CacheImpl>;
 
     bool full() const;
-    CacheImplPtr addFile(const std::string& path, int32_t expire);
 
     bool mInitialized = false;
     int32_t mExpireUnit = 1000;  // ms
