@@ -10,6 +10,10 @@
 #include "ipc/RingLayout.h"
 #include "ipc/SegmentLayout.h"
 #include "ipc/TripleLayout.h"
+#include "memory/share/BlockDescription.h"
+#include "memory/share/BuddyLayout.h"
+#include "memory/share/MemoryRefer.h"
+#include "memory/share/ShareDescription.h"
 
 namespace {
 
@@ -75,6 +79,29 @@ const std::vector<Format> kFormats = {
       ROW(ShmTripleHeader, state)}},
     {HEADING(ShmTripleSlot),
      {ROW(ShmTripleSlot, seqBegin), ROW(ShmTripleSlot, seqEnd), ROW(ShmTripleSlot, size)}},
+    {HEADING(ZoneHead), {ROW(ZoneHead, size), ROW(ZoneHead, magic)}},
+    {HEADING(List), {ROW(List, prev), ROW(List, next)}},
+    {HEADING(BuddyInfo),
+     {ROW(BuddyInfo, blockNum), ROW(BuddyInfo, pageShift), ROW(BuddyInfo, listOffset),
+      ROW(BuddyInfo, nodeOffset), ROW(BuddyInfo, dataSize), ROW(BuddyInfo, pageSize),
+      ROW(BuddyInfo, orderNum)}},
+    {HEADING(PageNode),
+     {ROW(PageNode, index), ROW(PageNode, order), ROW(PageNode, link), ROW(PageNode, privateArea)}},
+    {HEADING(SmallMemPageDesc),
+     {ROW(SmallMemPageDesc, pageLink), ROW(SmallMemPageDesc, freeList),
+      ROW(SmallMemPageDesc, dataOffset), ROW(SmallMemPageDesc, blockNum),
+      ROW(SmallMemPageDesc, usedBitmap)}},
+    {HEADING(ReferNode),
+     {ROW(ReferNode, offset), ROW(ReferNode, deliverRef), ROW(ReferNode, expire),
+      ROW(ReferNode, link), ROW(ReferNode, pidList)}},
+    {HEADING(PidNode), {ROW(PidNode, link), ROW(PidNode, pid)}},
+    {HEADING(ShareDescription),
+     {ROW(ShareDescription, magic), ROW(ShareDescription, tailOffset),
+      ROW(ShareDescription, packetSize), ROW(ShareDescription, extraSize),
+      ROW(ShareDescription, block)}},
+    {HEADING(BlockDescription),
+     {ROW(BlockDescription, magic), ROW(BlockDescription, type), ROW(BlockDescription, dataSize),
+      ROW(BlockDescription, offset), ROW(BlockDescription, size)}},
 };
 
 // The page's formats, in order: each heading of the third level with its rows up to the field.
