@@ -53,19 +53,22 @@ void carvePages(uint32_t pageCount, uint32_t orderCount, Visit&& visit) {
 
 /// Takes a block of `order` out of `store`, whose lock the caller holds: the last piece of the
 /// first block of the first list from `order` on that has one. The page that heads it, or -1 if no
-/// list has a block (`reached` is then the number of lists, or `order` if that is higher) or if
-/// `store` refuses. A Store has
+/// list has a block (`reached` is then the number of lists, or `order` if that is higher). A Store
+/// has
 ///     uint32_t orderCount();
 ///     bool empty(uint32_t order);
-///     int64_t pop(uint32_t order);                  the first page of the list; -1: refused
+///     int64_t pop(uint32_t order);                  the first page of the list; -1: none to be had
 ///     void push(uint32_t order, uint32_t page);     to the front of the list
 ///     void setState(uint32_t page, int32_t state);
 template <class Store>
 int64_t takePages(Store& store, uint32_t order, uint32_t& reached) {
-    for (reached = order; reached < store.orderCount() && store.empty(reached);) {
-        ++reached;
+    int64_t found = -1;
+    for (reached = order; reached < store.orderCount(); ++reached) {
+        found = store.empty(reached) ? -1 : store.pop(reached);
+        if (found >= 0) {
+            break;
+        }
     }
-    const int64_t found = reached < store.orderCount() ? store.pop(reached) : -1;
     if (found < 0) {
         return -1;
     }

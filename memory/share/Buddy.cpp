@@ -13,6 +13,12 @@ namespace Vantel::Memory {
 namespace {
 
 /// The zone's lists and nodes under its lock, for the arithmetic.
+///
+/// A process killed between two stores may leave a list torn and a page that is free by its state
+/// and on no list: both are lost, and nothing worse may come of it. So what a list gives must be
+/// free by its state, which is 0 or negative in all blocks that are out; and a page is only taken
+/// from the midst of a list that agrees. The state is written before a page is listed and after it
+/// has been taken off.
 class ZoneStore {
 public:
     explicit ZoneStore(BuddyPrivateData& priv) : mPriv(priv), mArea(privateArea(priv)) {}
@@ -22,26 +28,30 @@ public:
     bool empty(uint32_t order) const { return listEmpty(&mPriv.lists[order]); }
     int32_t state(uint32_t page) const { return pageState(mPriv, page); }
     void setState(uint32_t page, int32_t state) {
-        // Relaxed: getOffset looks at it without the lock, at a block that its caller holds.
+        // Relaxed: getOffset looks at it without the lock, at a block that its caller holds. The
+        // fences keep the compiler from moving it past the stores of the lists.
+        std::atomic_signal_fence(std::memory_order_seq_cst);
         std::atomic_ref(mPriv.nodes[page].order).store(state, std::memory_order_relaxed);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
     }
 
     int64_t pop(uint32_t order) {
-        const int64_t page = pageOfLink(mPriv.lists[order].next);
-        // A forged or torn list must not hand out what is no block or ends behind the pages.
-        const uint64_t pages = uint64_t{1} << order;
-        if (page < 0 || static_cast<uint64_t>(page) + pages > mPriv.pageCount ||
-            static_cast<uint64_t>(page) % pages != 0) {
-            ORBEL_LOG_ERROR("free list %u is damaged.\n", order);
+        List& head = mPriv.lists[order];
+        const int64_t page = pageOfLink(head.next);
+        if (page < 0 || !isFreeBlock(static_cast<uint64_t>(page), order) ||
+            !listRemove(&head, &mPriv.nodes[page].link, mArea)) {
+            ORBEL_LOG_ERROR("free list %u is damaged, what is on it is given up.\n", order);
+            listInit(&head, nullptr);
             return -1;
         }
-        return remove(order, static_cast<uint32_t>(page)) ? page : -1;
+        return page;
     }
     void push(uint32_t order, uint32_t page) {
         listInsert(&mPriv.lists[order], &mPriv.nodes[page].link, mArea);
     }
     bool remove(uint32_t order, uint32_t page) {
-        return listRemove(&mPriv.lists[order], &mPriv.nodes[page].link, mArea);
+        List& link = mPriv.nodes[page].link;
+        return listAgrees(&link, mArea) && listRemove(&mPriv.lists[order], &link, mArea);
     }
 
 private:
@@ -51,6 +61,12 @@ private:
         const uint64_t page = (offset - first) / sizeof(PageNode);
         const bool valid = offset >= first && (offset - first) % sizeof(PageNode) == 0;
         return valid && page < mPriv.pageCount ? static_cast<int64_t>(page) : -1;
+    }
+
+    bool isFreeBlock(uint64_t page, uint32_t order) const {
+        const uint64_t pages = uint64_t{1} << order;
+        return page % pages == 0 && page + pages <= mPriv.pageCount &&
+               state(static_cast<uint32_t>(page)) == freeHead(order);
     }
 
     BuddyPrivateData& mPriv;

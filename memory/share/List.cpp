@@ -72,6 +72,13 @@ bool listRemove(List* head, List* node, ListArea area) {
     return true;
 }
 
+bool listAgrees(const List* node, ListArea area) {
+    const uint64_t own = area.offsetOf(node);
+    const List* const prev = area.at(node->prev);
+    const List* const next = area.at(node->next);
+    return prev != nullptr && next != nullptr && prev->next == own && next->prev == own;
+}
+
 size_t listCount(const List* head, ListArea area) {
     size_t count = 0;
     listFind(head, area, [&](const List*) {

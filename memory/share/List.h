@@ -38,8 +38,6 @@ bool listEmpty(const List* head);
 
 /// Puts `node` in front: the last one inserted is the first one taken. False, with nothing
 /// changed, if a link that it needs leads outside of `area`; the same for listRemove().
-/// The stores come in such an order that a process killed between them leaves a ring that can be
-/// walked forward.
 bool listInsert(List* head, List* node, ListArea area);
 
 /// Takes a member out; its own fields stay as they are.
@@ -55,6 +53,10 @@ Record* listRecord(List* link, size_t linkOffset, ListArea area) {
     }
     return reinterpret_cast<Record*>(area.base + (offset - linkOffset));
 }
+
+/// Whether the neighbours of `node` point at it, as they do unless a process was killed between
+/// the stores of an operation.
+bool listAgrees(const List* node, ListArea area);
 
 /// How many members there are, up to a link that leads outside.
 size_t listCount(const List* head, ListArea area);

@@ -151,8 +151,8 @@ void Refers::freeBlock(ReferNode* node) const {
     if (!listRemove(mPriv.nodes, &node->link, mArea)) {
         return;
     }
-    mPriv.smallMem->free(mPriv.smallMem, node);
-    if (offset < mArea.sizeBytes) {
+    // A node that is none any more, of a torn list, must not free a block a second time.
+    if (mPriv.smallMem->free(mPriv.smallMem, node) == 0 && offset < mArea.sizeBytes) {
         mPriv.buddy->free(mPriv.buddy, mPriv.dataBaseAddr + offset);
     }
 }

@@ -124,31 +124,43 @@ SmallMemPageDesc* pageWithBlock(const SmallMemPrivData& priv) {
     return page;
 }
 
+/// The first free block of a page; null if its list names what is none, or one that is in use.
+void* takeBlock(const SmallMemPrivData& priv, SmallMemPageDesc& page) {
+    const ListArea data = buddyDataArea(priv.buddy);
+    const uint64_t offset = page.freeList.next;
+    const int64_t index = blockOf(page, offset);
+    List* const block = data.at(offset);
+    if (block == nullptr || index < 0 || offset % kBlockSize != 0) {
+        return nullptr;
+    }
+    const uint64_t bit = uint64_t{1} << index;
+    if ((page.usedBitmap & bit) != 0 || !listRemove(&page.freeList, block, data)) {
+        return nullptr;
+    }
+    page.usedBitmap |= bit;
+    return block;
+}
+
 void* interAllocMem(SmallMemPrivData& priv, int32_t size) {
     const std::lock_guard guard(priv.mutex);
     if (static_cast<size_t>(size) > kBlockSize) {  // a negative one is large
         ORBEL_LOG_ERROR("inter alloc mem failed!\n");
         return nullptr;
     }
-    SmallMemPageDesc* const page = pageWithBlock(priv);
-    if (page == nullptr) {
-        return nullptr;
+    while (SmallMemPageDesc* const page = pageWithBlock(priv)) {
+        if (void* const block = takeBlock(priv, *page)) {
+            return block;
+        }
+        ORBEL_LOG_ERROR("free blocks of page [%u] are damaged and given up.\n", page->dataOffset);
+        listInit(&page->freeList, nullptr);
     }
-    const ListArea data = buddyDataArea(priv.buddy);
-    const uint64_t offset = page->freeList.next;
-    List* const block = data.at(offset);
-    const int64_t bit = blockOf(*page, offset);
-    if (block == nullptr || bit < 0 || offset % kBlockSize != 0 ||
-        !listRemove(&page->freeList, block, data)) {
-        ORBEL_LOG_ERROR("free list of a page is damaged.\n");
-        return nullptr;
-    }
-    page->usedBitmap |= uint64_t{1} << bit;
-    return block;
+    return nullptr;
 }
 
-/// A page without used blocks goes back as it is: its blocks are not listed again.
+/// A page without used blocks goes back as it is: its blocks are not listed again. Should it stay
+/// reachable in a torn list, it has nothing to give.
 int releasePage(const SmallMemPrivData& priv, SmallMemPageDesc& page) {
+    listInit(&page.freeList, nullptr);
     if (!listRemove(priv.smallMemZone, &page.pageLink, buddyPrivateArea(priv.buddy))) {
         return -1;
     }
