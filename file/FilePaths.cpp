@@ -9,6 +9,7 @@
 
 #include "Vantel/Orbel/File.h"
 #include "file/DirectoryNames.h"
+#include "file/FileDefaultOpt.h"
 #include "file/MountTable.h"
 #include "file/ParentDirectories.h"
 #include "frame/base/Log.h"
@@ -19,6 +20,16 @@ namespace {
 
 bool given(const char* path) {
     return path != nullptr && path[0] != '\0';
+}
+
+/// One file of the default table by two names, or by one.
+bool isSameFile(const char* from, const char* to) {
+    const IFileSystem* system = FileDefaultOpt::instance();
+    struct stat source {};
+    struct stat target {};
+    return _findOpts(from) == system && _findOpts(to) == system && ::stat(from, &source) == 0 &&
+           ::stat(to, &target) == 0 && S_ISREG(source.st_mode) && source.st_dev == target.st_dev &&
+           source.st_ino == target.st_ino;
 }
 
 }  // namespace
@@ -83,7 +94,10 @@ bool File::makeDirectoryWithParent(const char* path) {
 bool File::copy(const char* from, const char* to, uint32_t flags) {
     File source;
     File target;
-    if (!given(from) || !given(to) || !source.open(from, 0) || !target.open(to, flags)) {
+    if (!given(from) || !given(to) || isSameFile(from, to)) {
+        return false;  // to open itself as the target would empty it, or copy without end
+    }
+    if (!source.open(from, 0) || !target.open(to, flags)) {
         return false;
     }
     char buffer[4096];

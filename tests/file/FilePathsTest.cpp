@@ -196,6 +196,11 @@ TEST(FilePathsTest, CopyAndSave) {
     EXPECT_FALSE(File::copy((directory / "missing").c_str(), to.c_str(), 0x1002));
     EXPECT_EQ(contentOf(to), content) << "the target was touched";
     EXPECT_FALSE(File::copy(from.c_str(), (directory / "missing").c_str(), 2));
+    std::filesystem::create_hard_link(from, directory / "same");
+    for (const uint32_t flags : {0x1002, 0x2001}) {
+        EXPECT_FALSE(File::copy(from.c_str(), (directory / "same").c_str(), flags));
+    }
+    EXPECT_EQ(contentOf(from), content) << "a file copied to itself";
     EXPECT_TRUE(File::save(to.c_str(), "x\0y", 3, 1));
     EXPECT_EQ(contentOf(to), std::string("x\0y", 3));
     EXPECT_FALSE(File::save(to.c_str(), nullptr, 1, 0x2001));

@@ -120,7 +120,8 @@ public:
     /// they went. False also if a part of the tree could not be examined or removed.
     static bool removeEmptyDirs(const char* path, int seconds);
 
-    /// Copies the content. `flags` are those with which `to` is opened.
+    /// Copies the content. `flags` are those with which `to` is opened. A file is not copied to
+    /// itself.
     static bool copy(const char* from, const char* to, uint32_t flags);
 
     /// Copies the content of a directory, symbolic links followed, into `to`, which is made if it
