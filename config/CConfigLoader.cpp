@@ -35,9 +35,10 @@ bool openToRead(File& file, const char* path) {
 
 }  // namespace
 
+/// Never destroyed: documents that are static objects save themselves after main().
 CConfigLoader* CConfigLoader::instance() {
-    static CConfigLoader loader;
-    return &loader;
+    static auto* loader = new CConfigLoader;
+    return loader;
 }
 
 CConfigLoader::~CConfigLoader() = default;

@@ -102,6 +102,7 @@ TEST_F(ConfigLoaderTest, SavingSaysWhyItFailed) {
         const OrbelTest::OrdinaryUser user;
         EXPECT_TRUE(refused()) << "a directory that must not be written";
     }
+    ASSERT_EQ(chmod(mDirectory.path().c_str(), 0755), 0);
     EXPECT_EQ(contentOf(mFile), "<cannot open>");
     mFile = mDirectory / "no/such/directory";
     EXPECT_TRUE(refused());

@@ -22,6 +22,7 @@ namespace Vantel::Config {
 /// lock: who saves one path from two threads at once mixes their texts.
 class ORBEL_API CConfigLoader {
 public:
+    /// Never destroyed.
     static CConfigLoader* instance();
 
     CConfigLoader(const CConfigLoader&) = delete;
