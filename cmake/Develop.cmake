@@ -64,12 +64,15 @@ endforeach()
 # own. tools/*.cpp: one program each; these see the internals. examples/*.cpp see what an
 # application sees.
 file(GLOB benches CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/bench/*.cpp)
+add_custom_target(benches)
 foreach(source IN LISTS benches)
     if(source MATCHES "Bench.cpp$")
         orbel_program(${source} bench orbel_static benchmark::benchmark_main)
     else()
         orbel_program(${source} bench orbel_static)
     endif()
+    get_filename_component(name ${source} NAME_WE)
+    add_dependencies(benches ${name})
 endforeach()
 # The index queue is measured beside others.
 find_package(TBB REQUIRED)
@@ -86,6 +89,7 @@ foreach(directory examples tools)
         add_dependencies(helpers ${name})  # tests run these too
     endforeach()
 endforeach()
+add_dependencies(demo publisher subscriber)  # which it runs
 
 # The complete program of each guide is built and run as a test, that of the README built only (its
 # names are fixed): what a newcomer copies works.
