@@ -7,6 +7,7 @@
 //     text PACKET | extra PACKET | addr PACKET
 //     write PACKET TEXT | drop PACKET      done
 //     free                                    bytes free in the pool
+//     release                                 lets go of the pool, which ends the process
 //     guard SIZE                              yes, no: a block of the pool itself
 //     poke OFFSET | unguard                   done: writes a byte there; gives the block back
 
@@ -152,6 +153,9 @@ std::string answer(const std::string& line) {
     }
     if (word == "free") {
         return freeSize();
+    }
+    if (word == "release") {
+        ShareMemoryManager::instance()->releaseMemPool();
     }
     if (word == "guard" || word == "poke" || word == "unguard") {
         return guardedBlock(word, in);

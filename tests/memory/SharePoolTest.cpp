@@ -304,6 +304,11 @@ TEST_F(SharePool, NobodyAttachesToWhatIsNotAWholePool) {
     ASSERT_EQ(late.ask("attach"), "yes");
     EXPECT_EQ(late.ask("free"), next.ask("free"));
     EXPECT_EQ(early.ask("text 0"), "packet 0") << "the old mapping went";
+
+    // A process has its pool until its end: at exit it stays, and let go of it ends the process.
+    late.closeInput();
+    EXPECT_EQ(late.wait(), 0);
+    EXPECT_FALSE(WIFEXITED(early.statusAfter("release")) && "goes on without a pool");
 }
 
 }  // namespace
