@@ -10,7 +10,7 @@ rooms='frame|thread|time|net|ipc|memory|log|config|object|file|client|utils'
 layers='
 4 ^time/(CTimer|Timer|CTimeText|ClockSetter)[A-Za-z]*[.]|/(CTimer|CTimerManager)[.]h
 9 ^frame/Initialize|/Initialize[.]h
-0 ^frame/base/|^Vantel/Export[.]h|/(TDelegate|TSignal|BuildIdentity)[.]h|^frame/BuildIdentity[.]|^utils/|^Vantel/Utils/
+0 ^frame/base/|^Vantel/Export[.]h|/(TDelegate|TSignal|BuildIdentity)[.]h|^Vantel/Orbel/Buffer[.]h|^frame/BuildIdentity[.]|^utils/|^Vantel/Utils/
 1 ^time/|/(CTime|CTimeRecord|SystemTime)[.]h
 2 ^log/|^Vantel/(ILogger|LoggerLimit)[.]h|^Vantel/Log/
 3 ^thread/|^frame/|/(C[A-Za-z]*Mutex|PrioMutex|SHMMutex|CSemaphore|CSpin|SpinLock|RWSpinLock|SpinSem)[.]h

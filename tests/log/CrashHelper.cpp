@@ -22,7 +22,7 @@
 #include "Vantel/ILogger.h"
 #include "Vantel/Log/Olog.h"
 #include "log/CrashReport.h"
-#include "log/NullLogClient.h"
+#include "tests/support/NullLogClient.h"
 
 extern "C" {
 extern char crashMarker[];
@@ -47,7 +47,7 @@ void onReport(int status, void* user, ...) {
     }
 }
 
-class TellingClient : public Vantel::Log::NullLogClient {
+class TellingClient : public OrbelTest::NullLogClient {
 public:
     bool setGcoreCallback(GcoreCallback callback, void* user) override {
         Vantel::Log::captureCrashes({this, callback, user, [] { return config; },

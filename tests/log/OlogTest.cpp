@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "log/NullLogClient.h"
 #include "tests/log/FakeLogClient.h"
 
 using testing::internal::CaptureStdout;
@@ -79,18 +78,6 @@ TEST_F(OlogTest, PrintCutsAndSaysSoOneByteLate) {
     }
     EXPECT_EQ(ologPrint(4, "%s", "%d%n"), 77) << "the text is no format";
     EXPECT_EQ(mClient.prints.back().second, "%d%n");
-}
-
-TEST_F(OlogTest, WithoutAServerNothingIsClaimed) {
-    Vantel::Log::NullLogClient none;
-    client = &mClient;
-    char line[50] = {};
-    EXPECT_FALSE(none.init(Json::Value()));
-    EXPECT_EQ(none.headerSize(), 44);
-    EXPECT_EQ(none.write(line, 5), 0);
-    EXPECT_FALSE(none.flush());
-    EXPECT_TRUE(none.setLogLevel(6));
-    EXPECT_EQ(none.getLogLevel(), 6);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "Vantel/ILogger.h"
 #include "Vantel/Memory/IMemoryPool.h"
 #include "memory/cache/SystemMemoryAccounting.h"
+#include "tests/support/WithoutLogServer.h"
 
 namespace {
 

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Vantel/ILogger.h"
+#include "tests/support/WithoutLogServer.h"
 
 namespace OrbelTest {
 

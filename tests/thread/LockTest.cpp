@@ -19,6 +19,7 @@
 #include "Vantel/Orbel/SpinLock.h"
 #include "frame/base/Guard.h"
 #include "tests/support/WaitFor.h"
+#include "tests/support/WithoutLogServer.h"
 
 using namespace Vantel::Orbel;
 using OrbelTest::waitFor;
