@@ -37,6 +37,8 @@ public:
     /// error, for a null or empty name and a size below 1. Starts with everything let through
     /// and only the log client as sink. If the environment has ORBEL_LOG_TIMESTAMP, each line is
     /// stamped with the exact time; otherwise stamps are up to 0.4 seconds old.
+    /// Also installs the crash handlers: a fatal signal is reported to the log server, then the
+    /// process ends with exit status 255. See ologSetGcoreCallback().
     virtual bool init(const char* moduleName, int32_t bufferSize) = 0;
 
     /// Adds a delegate as a sink, unless an equal one is there. Always true.
