@@ -27,8 +27,12 @@ ClaimState& claimState() {
 }
 
 ShareMemoryPool& requirePool() {
-    ShareMemoryPool::Param param = knownPoolParam();
-    ShareMemoryPool* const memoryPool = ShareMemoryManager::instance()->loadMemPool(&param);
+    ShareMemoryManager& manager = *ShareMemoryManager::instance();
+    ShareMemoryPool* memoryPool = manager.getMemPool();
+    if (memoryPool == nullptr) {
+        ShareMemoryPool::Param param = knownPoolParam();
+        memoryPool = manager.loadMemPool(&param);
+    }
     ORBEL_REQUIRE(memoryPool != nullptr, "osNullptr != memoryPool\n");
     return *memoryPool;
 }
@@ -180,7 +184,7 @@ void MemoryBlock::operator delete(MemoryBlock* block, std::destroying_delete_t) 
 
 void MemoryBlock::destroyObject(MemoryBlock* block) {
     block->~MemoryBlock();
-    ::operator delete(block, sizeof(MemoryBlock));
+    ::operator delete(static_cast<void*>(block));
 }
 
 }  // namespace Vantel::Memory

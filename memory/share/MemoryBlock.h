@@ -16,6 +16,7 @@ class MemoryBlock {
 public:
     MemoryBlock(const MemoryBlock&) = delete;
     MemoryBlock& operator=(const MemoryBlock&) = delete;
+    ~MemoryBlock() = default;  // `delete` ends up in operator delete below
 
     /// A new block of at least `size` bytes. Null, with an error line, if there is none to be had
     /// (nothing stays behind); the process ends (assertion) if there is no pool.
@@ -43,7 +44,6 @@ public:
 
 private:
     MemoryBlock(void* buffer, int32_t size) : mSize(size), mBuffer(buffer) {}
-    ~MemoryBlock() = default;
 
     static MemoryBlock* claimBlock(ShareMemoryPool& pool, int32_t offset, uint32_t size);
     static void destroyObject(MemoryBlock* block);

@@ -4,7 +4,6 @@
 #include <cstring>
 
 #include "Vantel/Orbel/CMutex.h"
-#include "Vantel/Utils/Bits.h"
 #include "frame/base/Guard.h"
 #include "frame/base/Log.h"
 #include "frame/base/Require.h"
@@ -41,7 +40,7 @@ bool walkZones(uint8_t* meta, size_t segmentBytes, Zones& zones) {
     ZoneHead** const heads[] = {&zones.mutexes, &zones.refer, &zones.smallMem, &zones.buddy};
     size_t offset = 0;
     for (size_t i = 0; i < std::size(heads); ++i) {
-        if (segmentBytes - offset < sizeof(ZoneHead) || offset % alignof(ZoneHead) != 0) {
+        if (segmentBytes - offset < sizeof(ZoneHead) || offset % alignof(uint64_t) != 0) {
             return false;
         }
         *heads[i] = reinterpret_cast<ZoneHead*>(meta + offset);
@@ -109,7 +108,6 @@ public:
     ShareMemoryPool* load(const ShareMemoryPool::Param& param, bool creating);
 
     uint32_t mRefCount = 0;
-    uint32_t mPageShift = static_cast<uint32_t>(Utils::log2Int(getPageSize()));
     Orbel::CMutex mMutex;  // around loading; the pool's own locks are taken inside it
     std::atomic<ShareMemoryPool*> mSharePool{nullptr};
     SegmentGet mSegmentGet = shareMemGet;

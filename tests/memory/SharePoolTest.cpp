@@ -279,7 +279,7 @@ TEST_F(SharePool, NobodyAttachesToWhatIsNotAWholePool) {
         {"first zone without a size", 0, 0},
         {"first zone beyond the segment", 0, 0xFFFFFFF8},
         {"second zone without a size", kMutexZoneSize, 0},
-        {"a zone at an odd place", kMutexZoneSize, kReferZoneSize + 1},
+        {"a zone at an odd place", kMutexZoneSize, kReferZoneSize + 4},
         {"buddy zone beyond the segment", kBuddy, 0x7FFFFFF8},
         {"references not set up", kMutexZoneSize + 4, 0},
         {"buddy not set up", kBuddy + 4, 0},
