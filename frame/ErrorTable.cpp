@@ -7,7 +7,7 @@
 namespace Vantel::Orbel {
 
 ErrorTable& ErrorTable::instance() {
-    static ErrorTable table;
+    static ErrorTable& table = *new ErrorTable;  // never destroyed: threads outlive main()
     return table;
 }
 

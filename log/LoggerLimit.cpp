@@ -88,7 +88,7 @@ LoggerLimit::LoggerLimit() : mInternal(std::make_unique<Internal>()) {}
 LoggerLimit::~LoggerLimit() = default;
 
 LoggerLimit& LoggerLimit::instance() {
-    static LoggerLimit limit;
+    static LoggerLimit& limit = *new LoggerLimit;  // never destroyed: threads outlive main()
     return limit;
 }
 
