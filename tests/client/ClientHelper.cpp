@@ -1,0 +1,77 @@
+// The main loop of a process: "loop" runs until a signal, "watch" looks at what the first call
+// logs.
+
+#include <sys/prctl.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "Vantel/Client/IClientManager.h"
+#include "Vantel/Orbel/CThread.h"
+#include "Vantel/Orbel/CTime.h"
+#include "Vantel/Orbel/CTimer.h"
+#include "Vantel/Orbel/CTimerManager.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/WaitFor.h"
+
+using namespace Vantel::Orbel;
+using Vantel::Client::IClientManager;
+
+namespace {
+
+int loop(IClientManager& client) {
+    char name[16] = {};
+    prctl(PR_GET_NAME, name);
+    client.start("another");  // changes nothing
+    client.exitProcess();     // neither does this
+    const bool goesOn = client.checkProcessStatus();
+    std::printf("%s as %s\n", goesOn ? "running" : "stopped", name);
+    std::fflush(stdout);
+    while (client.checkProcessStatus()) {
+        CThread::sleep(1);
+    }
+    for (int i = 0; i < 100; ++i) {
+        if (client.checkProcessStatus()) {
+            return 1;
+        }
+    }
+    std::printf("ended\n");
+    return client.started() ? 0 : 1;
+}
+
+void late(unsigned long) {
+    CThread::setCurrentTimeout(1);
+    CThread::sleep(300);
+}
+
+int watch(IClientManager& client) {
+    OrbelTest::LogCapture log;
+    CTimerManager::instance()->limitIdlePooled(2);
+    CTimer timer("late one");
+    timer.start(&late, 0, 0, 0, 0);
+    OrbelTest::waitFor([&] { return timer.isRunning(); });
+    CThread::sleep(50);
+    client.checkProcessStatus();
+    client.checkProcessStatus();  // neither is due again
+    const uint64_t uptimeMs = CTime::getCurrentMilliSecond();
+    const int lists = log.count("TimerManagerPool Thread count: ( 1 )");
+    const int warnings = log.count("\n\nthreads running maybe block:\n");
+    const int names = log.count("\ttimeout thread  name late one(");
+    if (lists == (uptimeMs > 360000 ? 1 : 0) && warnings == (uptimeMs > 120000 ? 1 : 0) &&
+        names == warnings) {
+        std::printf("as expected\n");
+    } else {
+        std::printf("lists %d warnings %d names %d\n", lists, warnings, names);
+    }
+    return 0;
+}
+
+}  // namespace
+
+int main(int, char** argv) {
+    IClientManager& client = *IClientManager::instance();
+    if (client.started() || !client.start(std::strcmp(argv[2], "app") == 0 ? nullptr : argv[2])) {
+        return 1;
+    }
+    return std::strcmp(argv[1], "loop") == 0 ? loop(client) : watch(client);
+}
