@@ -21,12 +21,17 @@ function(orbel_program source directory)
 endfunction()
 
 # tests/<subsystem>/*Test.cpp: one GoogleTest program and one test each; *Helper.cpp: one helper
-# program each, found by the tests beside themselves. Both see the internal classes.
+# program each, found by the tests beside themselves. Both see the internal classes, but for
+# *SharedHelper.cpp, which link the shared library as an application does.
 file(GLOB tests CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/*/*Test.cpp)
 file(GLOB helpers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tests/*/*Helper.cpp)
 add_custom_target(helpers)
 foreach(source IN LISTS helpers)
-    orbel_program(${source} tests orbel_static)
+    set(library orbel_static)
+    if(source MATCHES "SharedHelper[.]cpp$")
+        set(library orbel::orbel)
+    endif()
+    orbel_program(${source} tests ${library})
     get_filename_component(name ${source} NAME_WE)
     add_dependencies(helpers ${name})
 endforeach()

@@ -16,9 +16,6 @@ CThreadSpecific& lastErrno() {
     return *slot;
 }
 
-// Made at load time, before a process can have used up its thread-specific keys.
-[[maybe_unused]] const CThreadSpecific& madeAtLoad = lastErrno();
-
 }  // namespace
 
 void setLastErrno(int error) {

@@ -1,4 +1,4 @@
-// The allocator's objects of the process, in the order in which they need each other.
+#include "memory/cache/CacheSingletons.h"
 
 #include <new>
 
@@ -31,27 +31,33 @@ constinit Room<PageCache> pageCache{};
 constinit Room<CentralCache> centralCache{};
 constinit Room<ThreadCacheManager> threadCacheManager{};
 
-struct LoadTime {
-    LoadTime() {
+struct Lifetime {
+    Lifetime() {
         accounting.make();
         pageCache.make();
         centralCache.make(pageCache.get());
         threadCacheManager.make();
     }
-    LoadTime(const LoadTime&) = delete;
-    LoadTime& operator=(const LoadTime&) = delete;
-    ~LoadTime() {
+    Lifetime(const Lifetime&) = delete;
+    Lifetime& operator=(const Lifetime&) = delete;
+    ~Lifetime() {
         if (threadCacheManager.get().shutDown()) {
             pageCache.get().unmapRecords();
         }
     }
 };
 
-// Before all other static objects of the library, and so destroyed behind them: their destructors
-// may still give memory back.
-__attribute__((init_priority(101))) const LoadTime loadTime;
+// For programs that link the allocator without the library's list of what is made at load time.
+struct MadeAtLoad {
+    MadeAtLoad() { makeCacheSingletons(); }
+};
+__attribute__((init_priority(102))) [[maybe_unused]] const MadeAtLoad madeAtLoad;
 
 }  // namespace
+
+void makeCacheSingletons() {
+    static const Lifetime lifetime;
+}
 
 SystemMemoryAccounting& SystemMemoryAccounting::instance() {
     return accounting.get();
