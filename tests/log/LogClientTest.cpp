@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -98,6 +99,189 @@ TEST_F(LogClientTest, RegistersAndSendsByteByByte) {
     EXPECT_EQ(line.substr(25),
               "[" + longName + "][fatal][" + std::to_string(gettid()) + "]last 1\n");
     EXPECT_EQ(static_cast<size_t>(printed), kHeader + line.size());
+    EXPECT_TRUE(mServer.silentFor(50));
+}
+
+TEST_F(LogClientTest, WithoutAServerInitFailsAndMayBeTriedAgain) {
+    EXPECT_EQ(write("x"), 0) << "no session yet";
+    EXPECT_EQ(mClient->print(6, "x"), 0);
+    EXPECT_FALSE(mClient->flush());
+    CaptureStderr();
+    EXPECT_FALSE(mClient->init(Json::Value()));
+    EXPECT_FALSE(mClient->init(Json::Value("text")));
+    EXPECT_EQ(GetCapturedStderr(), "not config moduleName\nnot config moduleName\n");
+
+    mServer.die();
+    const auto begin = std::chrono::steady_clock::now();
+    CaptureStdout();
+    EXPECT_FALSE(mClient->init(mConfig));
+    EXPECT_EQ(GetCapturedStdout(), "Error, cannot connect to unix address " + mServer.path() +
+                                       ":No such file or directory\n");
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1900));
+    EXPECT_EQ(write("x"), -1);
+    EXPECT_EQ(mClient->print(6, "x"), -1);
+    EXPECT_FALSE(mClient->flush());
+    EXPECT_TRUE(mClient->waitUntilSent(0));
+
+    mServer.listen();
+    connect();
+    CaptureStderr();
+    EXPECT_TRUE(mClient->init(mConfig));
+    EXPECT_EQ(GetCapturedStderr(), "Logger client already inited\n");
+    EXPECT_EQ(write("x"), kHeader + 1);
+}
+
+TEST_F(LogClientTest, LevelsAndSizesHaveLimits) {
+    mConfig["logLevel"] = 4;
+    connect();
+    EXPECT_EQ(mClient->print(3, "below"), 0);
+    EXPECT_EQ(mClient->print(7, "above"), 0);
+    mClient->setLogLevel(0);
+    EXPECT_GT(mClient->print(0, "%s", "zero"), 0);
+    EXPECT_GT(mClient->print(2, "%s", "two"), 0);
+    std::string line;
+    mServer.readPacket(line);
+    EXPECT_NE(line.find("[robotd][Unknown]["), std::string::npos) << line;
+    mServer.readPacket(line);
+    EXPECT_NE(line.find("[robotd][debug]["), std::string::npos) << line;
+
+    const std::string longest(0x100000, 'l');
+    EXPECT_EQ(write(longest), kHeader + 0x100000);
+    EXPECT_EQ(mServer.read(kHeader + longest.size()), packet(1, longest));
+    CaptureStdout();
+    EXPECT_EQ(write(longest + "x"), -1);
+    EXPECT_EQ(mClient->print(6, "%s", longest.c_str()), -1);
+    const std::string refused = "logClient [robotd] print log buffer too big size = ";
+    EXPECT_EQ(GetCapturedStdout().find(refused + "1048577\n\n" + refused), 0u);
+    EXPECT_EQ(write(""), 0);
+    EXPECT_EQ(mClient->write(nullptr, 5), 0);
+    EXPECT_TRUE(mServer.silentFor(20));
+}
+
+/// What a test's receiver got, as "<kind> <bytes>".
+struct Received {
+    static void onData(int kind, void* user, const char* data, uint32_t size,
+                       Vantel::Log::ILogClient*) {
+        auto* const self = static_cast<Received*>(user);
+        const std::lock_guard guard(self->mutex);
+        self->all.push_back(std::to_string(kind) + " " + std::string(data, size));
+    }
+    size_t count() {
+        const std::lock_guard guard(mutex);
+        return all.size();
+    }
+    std::mutex mutex;
+    std::vector<std::string> all;
+};
+
+TEST_F(LogClientTest, SurvivesWhatAServerSends) {
+    static Received received;  // the client may call for as long as it lives
+    mClient->setRecvCallback(&Received::onData, &received);
+    connect();
+    std::string negative = packet(1, "");
+    negative[11] = '\x80';
+    std::string huge = packet(1, "");
+    huge.replace(8, 4, std::string("\x01\x00\x10\x00", 4));
+    std::string magic = packet(1, "");
+    magic[0] = 'x';
+    const std::string invalid = "Log Client receive Invalid packet buffer ";
+    const struct {
+        const char* why;
+        std::string bytes;
+        std::string message;
+        std::string data;
+    } cases[] = {
+        {"a line", packet(1, "line\n"), "", "0 line\n"},
+        {"an empty line", packet(1, ""), "", "0 "},
+        {"the longest line", packet(1, std::string(0x100000, 'l')), "",
+         "0 " + std::string(0x100000, 'l')},
+        {"a text", packet(5, padded("text", 256)), "", "1 text"},
+        {"a text without end", packet(5, std::string(256, 't')), "", "1 " + std::string(256, 't')},
+        {"an empty text", packet(5, ""), "", "1 "},
+        {"a command for servers", packet(2, ""), "Error, Not support cmd 2\n", ""},
+        {"a command of nobody", packet(0x80000000, "x"), "Error, Not support cmd -2147483648\n",
+         ""},
+        {"half a header", packet(1, "").substr(0, 20), invalid + "20, magic = 0xaa5555aa\n", ""},
+        {"two bytes", "xy", invalid + "2, magic = 0x7978\n", ""},
+        {"another magic", magic, invalid + "44, magic = 0xaa555578\n", ""},
+        {"a negative size", negative, invalid + "44, magic = 0xaa5555aa\n", ""},
+        {"an oversized packet", huge, invalid + "44, magic = 0xaa5555aa\n", ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        received.all.clear();
+        CaptureStdout();
+        mServer.send(c.bytes);
+        ASSERT_TRUE(waitFor([&] { return mServer.sentAllIsRead(); }));
+        mServer.send(packet(5, "behind"));  // the connection stays, and takes a new header
+        EXPECT_TRUE(waitFor([&] { return received.count() == (c.data.empty() ? 1u : 2u); }));
+        EXPECT_EQ(GetCapturedStdout(), c.message);
+        EXPECT_EQ(received.all.front(), c.data.empty() ? "1 behind" : c.data);
+        EXPECT_EQ(received.all.back(), "1 behind");
+    }
+    EXPECT_EQ(write("x"), kHeader + 1);
+}
+
+TEST_F(LogClientTest, WhatIsLeftOfAPacketGoesBeforeWhatFollows) {
+    connect();
+    const std::string big(800000, 'b');
+    EXPECT_EQ(write(big), kHeader + 800000) << "queued is as good as written";
+    std::string expected = packet(1, big);
+    for (int i = 0; i < 500; ++i) {
+        EXPECT_EQ(write(std::to_string(i)), kHeader + static_cast<int>(std::to_string(i).size()));
+        expected += packet(1, std::to_string(i));
+        EXPECT_TRUE(mClient->flush());
+        expected += packet(2, "");
+    }
+    EXPECT_FALSE(mClient->waitUntilSent(20)) << "nobody reads";
+    EXPECT_EQ(mServer.read(expected.size()), expected);
+    EXPECT_TRUE(mClient->waitUntilSent(20000));
+}
+
+TEST_F(LogClientTest, AfterAReturnTheServerGetsAllThatWaitedFromTheStartOfAPacket) {
+    Json::Value wanted;
+    wanted["moduleName"] = "arm";
+    mConfig["subscribe"].append(wanted);
+    connect();
+    EXPECT_EQ(mServer.read(172), packet(3, padded("arm", 128)));
+    const std::string big(800000, 'b');
+    write(big);
+    write("behind");
+    EXPECT_EQ(mServer.read(1000), packet(1, big).substr(0, 1000));
+    mServer.send(packet(1, padded("half", 100)).substr(0, 60));  // dies within its own packet, too
+    ASSERT_TRUE(waitFor([&] { return mServer.sentAllIsRead(); }));
+    mServer.die();
+    write("meanwhile");
+
+    static Received received;
+    mClient->setRecvCallback(&Received::onData, &received);
+    mServer.listen();
+    ASSERT_TRUE(mServer.acceptAndRegister());
+    const std::string expected = packet(3, padded("arm", 128)) + packet(1, big) +
+                                 packet(1, "behind") + packet(1, "meanwhile");
+    EXPECT_EQ(mServer.read(expected.size()), expected);
+    mServer.send(packet(1, "new server"));
+    EXPECT_TRUE(waitFor([&] { return received.count() == 1; }));
+    EXPECT_EQ(received.all.front(), "0 new server");
+}
+
+TEST_F(LogClientTest, OfAnOverfullQueueTheOldestAndTheLastSurvive) {
+    connect();
+    mServer.die();
+    // Before the loss is noticed the socket refuses; from then on packets wait.
+    ASSERT_TRUE(waitFor([&] { return write("0") > 0; }));
+    for (int i = 1; i < 1030; ++i) {
+        const std::string line = std::to_string(i);
+        EXPECT_EQ(write(line), kHeader + static_cast<int>(line.size())) << "never refused";
+    }
+    mServer.listen();
+    ASSERT_TRUE(mServer.acceptAndRegister());
+    std::string expected;
+    for (int i = 0; i < 1024; ++i) {
+        expected += packet(1, std::to_string(i));
+    }
+    expected += packet(1, "1029");
+    EXPECT_EQ(mServer.read(expected.size()), expected);
     EXPECT_TRUE(mServer.silentFor(50));
 }
 

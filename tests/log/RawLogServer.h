@@ -1,6 +1,8 @@
 #pragma once
 
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -75,12 +77,18 @@ public:
         return header;
     }
 
-    /// Registers the next client and its subscriptions; true if there is one.
+    /// Takes the next client, which has no subscriptions; true if there is one.
     bool acceptAndRegister() { return accept() && read(192).size() == 192; }
 
     void send(const std::string& bytes) {
         [[maybe_unused]] const ssize_t count =
             ::send(mPeer.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    }
+
+    /// True when the client has read all that was sent.
+    bool sentAllIsRead() const {
+        int waiting = -1;
+        return ioctl(mPeer.get(), SIOCOUTQ, &waiting) == 0 && waiting == 0;
     }
 
     bool silentFor(int timeoutMs) const { return !readable(mPeer.get(), timeoutMs); }

@@ -1,0 +1,232 @@
+// The client and the example server as real processes see each other.
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "log/LogClientImpl.h"
+#include "log/LoggerImpl.h"
+#include "tests/support/HelperProcess.h"
+#include "tests/support/TestName.h"
+#include "tests/support/WaitFor.h"
+
+using OrbelTest::HelperProcess;
+using OrbelTest::waitFor;
+using Vantel::ILogger;
+using Vantel::Log::LogClientImpl;
+
+namespace {
+
+constexpr int kHeader = 44;
+constexpr int kThreads = 8;
+
+using Lines = std::vector<std::string>;
+
+class LogServerTest : public testing::Test {
+protected:
+    LogServerTest() : mDirectory("/tmp/" + OrbelTest::uniqueName("orbelLogServer")) {
+        std::filesystem::create_directory(mDirectory);
+        startServer();
+    }
+    ~LogServerTest() override { std::filesystem::remove_all(mDirectory); }
+
+    std::string socketPath() const { return mDirectory / "socket"; }
+
+    void startServer() {
+        mServer = std::make_unique<HelperProcess>(
+            "../examples/log_server", Lines{"--store", mDirectory.string(), socketPath()});
+        ASSERT_TRUE(mServer->waitForLine("listening on " + socketPath()));
+    }
+
+    /// A client that stays till the end of the process, as every one does.
+    LogClientImpl& connect(const std::string& module, const std::string& wanted = "") {
+        static std::vector<LogClientImpl*> kept;
+        kept.push_back(new LogClientImpl);
+        Json::Value config;
+        config["moduleName"] = module;
+        config["logLevel"] = 1;
+        config["socketPath"] = socketPath();
+        if (!wanted.empty()) {
+            config["subscribe"][0]["moduleName"] = wanted;
+        }
+        EXPECT_TRUE(kept.back()->init(config));
+        return *kept.back();
+    }
+
+    /// What the server stored of a module; whole lines only.
+    Lines stored(const std::string& module) const {
+        std::ifstream file(mDirectory / (module + ".log"));
+        Lines lines;
+        for (std::string line; std::getline(file, line) && !file.eof();) {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+
+    /// Waits until the server has stored all that was sent, by a last line; returns what it stored.
+    Lines storedAtTheEnd(LogClientImpl& client, const std::string& module) {
+        EXPECT_TRUE(client.waitUntilSent(60000));
+        client.print(6, "end\n");
+        client.flush();
+        const auto ended = [&] {
+            const Lines lines = stored(module);
+            return !lines.empty() && lines.back().find("]end") != std::string::npos;
+        };
+        EXPECT_TRUE(waitFor(ended, 60000));
+        Lines lines = stored(module);
+        lines.pop_back();
+        return lines;
+    }
+
+    const std::filesystem::path mDirectory;
+    std::unique_ptr<HelperProcess> mServer;
+};
+
+int write(LogClientImpl& client, const std::string& line) {
+    std::string buffer = std::string(kHeader, 'x') + line;
+    return client.write(buffer.data(), static_cast<int>(line.size()));
+}
+
+constexpr char kFiller[] = "0123456789abcdefghijklmnopqrstuvwxyz";
+
+/// Lines of 8 threads through a logger of their own on `client`; how many the logger took.
+int printFromThreads(LogClientImpl& client, int linesEach, bool paced) {
+    Vantel::LoggerImpl logger(client);
+    EXPECT_TRUE(logger.init("threads", 4096));
+    std::atomic<int> taken{0};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([&, thread] {
+            for (int i = 0; i < linesEach; ++i) {
+                if (paced && i % 64 == 0) {  // 8 times 64 lines fit into the queue
+                    EXPECT_TRUE(client.waitUntilSent(60000));
+                }
+                taken += logger.print(ILogger::kInfo, "T", "@%d %d %s.\n", thread, i, kFiller) > 0;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    return taken;
+}
+
+/// How many of `lines` are whole lines of printFromThreads(), each thread's in their order.
+int countWhole(const Lines& lines) {
+    std::map<int, int> last;
+    int whole = 0;
+    for (const std::string& line : lines) {
+        const size_t at = line.find("[T]@");
+        if (at == std::string::npos) {
+            continue;  // what the logger says at its start
+        }
+        std::istringstream words(line.substr(at + 4));
+        int thread = -1;
+        int number = -1;
+        std::string filler;
+        words >> thread >> number >> filler;
+        const bool good = line[0] == '[' && std::count(line.begin(), line.end(), '@') == 1 &&
+                          thread >= 0 && thread < kThreads && filler == std::string(kFiller) + ".";
+        EXPECT_TRUE(good) << line;
+        EXPECT_TRUE(last.count(thread) == 0 || last[thread] < number) << line;
+        last[thread] = number;
+        whole += good ? 1 : 0;
+    }
+    return whole;
+}
+
+// First: from then on the poller also looks for the servers of the tests before.
+TEST_F(LogServerTest, AKilledServerComesBackToItsClients) {
+    static std::mutex mutex;
+    static Lines received;
+    const auto receivedTexts = [] {
+        const std::lock_guard guard(mutex);
+        return received;
+    };
+    LogClientImpl& talker = connect("talker");
+    LogClientImpl& listener = connect("listener", "talker");
+    const auto onData = [](int kind, void*, const char* data, uint32_t size,
+                           Vantel::Log::ILogClient*) {
+        const std::lock_guard guard(mutex);
+        received.push_back(std::to_string(kind) + " " + std::string(data, size));
+    };
+    listener.setRecvCallback(onData, nullptr);
+    // The answer to the subscription may have come before the receiver was set.
+    const auto hears = [&](const std::string& text) {
+        return waitFor([&] {
+            write(talker, text);
+            const Lines all = receivedTexts();
+            return std::find(all.begin(), all.end(), "0 " + text) != all.end();
+        });
+    };
+    EXPECT_TRUE(hears("before\n"));
+
+    mServer->killAndReap();
+    ASSERT_TRUE(waitFor([&] { return write(talker, "meanwhile\n") > 0; }))
+        << "it waits from then on";
+    startServer();
+    EXPECT_TRUE(hears("after\n"));
+    const Lines all = receivedTexts();
+    EXPECT_NE(std::find(all.begin(), all.end(), "1 subscribed to talker"), all.end());
+    const Lines lines = storedAtTheEnd(talker, "talker");
+    const auto meanwhile = std::find(lines.begin(), lines.end(), "meanwhile");
+    EXPECT_NE(meanwhile, lines.end());
+    EXPECT_NE(std::find(meanwhile, lines.end(), "after"), lines.end()) << "in order";
+
+    HelperProcess second("../examples/log_server", {socketPath()});
+    EXPECT_EQ(WEXITSTATUS(second.wait()), 1) << "took a living server's name away";
+    EXPECT_TRUE(hears("still there\n"));
+}
+
+TEST_F(LogServerTest, EightThreadsLoseNothingAtAPaceThatTheServerKeeps) {
+    LogClientImpl& client = connect("paced");
+    EXPECT_EQ(printFromThreads(client, 12500, true), 100000);
+    EXPECT_EQ(countWhole(storedAtTheEnd(client, "paced")), 100000);
+}
+
+TEST_F(LogServerTest, EightThreadsAtFullSpeedLoseWholeLinesIfAny) {
+    LogClientImpl& client = connect("fast");
+    kill(mServer->pid(), SIGSTOP);
+    EXPECT_EQ(printFromThreads(client, 500, false), 4000) << "a full queue takes a line as well";
+    kill(mServer->pid(), SIGCONT);
+    const int arrived = countWhole(storedAtTheEnd(client, "fast"));
+    EXPECT_GE(arrived, 1024);
+    EXPECT_LT(arrived, 4000) << "the queue was never full: this shows nothing";
+}
+
+TEST_F(LogServerTest, AStoppedServerHoldsNobodyUp) {
+    LogClientImpl& client = connect("stopped");
+    kill(mServer->pid(), SIGSTOP);
+    std::chrono::nanoseconds worst{0};
+    constexpr int kLines = 1500;
+    int fit = 0;
+    for (int i = 0; i < kLines; ++i) {
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_GT(write(client, std::to_string(i) + "\n"), 0);
+        worst = std::max<std::chrono::nanoseconds>(worst, std::chrono::steady_clock::now() - begin);
+        fit += client.waitUntilSent(0) ? 1 : 0;
+    }
+    EXPECT_LT(worst, std::chrono::seconds(1));
+    kill(mServer->pid(), SIGCONT);
+    // What fitted into the socket, then 1024 of the queue, then the last one.
+    Lines expected;
+    for (int i = 0; i < kLines; ++i) {
+        if (i < fit + 1024 || i == kLines - 1) {
+            expected.push_back(std::to_string(i));
+        }
+    }
+    EXPECT_EQ(storedAtTheEnd(client, "stopped"), expected);
+}
+
+}  // namespace
