@@ -237,6 +237,33 @@ TEST(Buddy, AReadyZoneIsTakenAsItIsOrNotAtAll) {
     }
 }
 
+/// A list that was torn may lead to what is out by now.
+TEST(ShareAllocators, WhatIsOutIsNotGivenOutAgain) {
+    LogCapture log;
+    Pool pool({16 * 1024, 1024, 0});
+    auto* const lists = reinterpret_cast<List*>(pool.info() + 1);
+    auto* const nodes = reinterpret_cast<PageNode*>(lists + pool.info()->orderNum);
+    const ListArea area = buddyPrivateArea(pool->buddy);
+    void* const out = pool->take(1024);
+    PageNode& node = nodes[pool->offsetOf(out) / 1024];
+    listInit(&node.link, area.base);
+    lists[0].next = area.offsetOf(&node.link);
+    EXPECT_NE(pool->take(1024), out);
+    EXPECT_TRUE(log.has("]free list 0 is damaged"));
+
+    SmallMemory* const small = pool->smallMem;
+    auto* const block = static_cast<List*>(small->alloc(small, 64));
+    const ListArea data = buddyDataArea(pool->buddy);
+    int32_t size = 0;
+    auto* const page =
+        static_cast<SmallMemPageDesc*>(pool->buddy->getPriv(pool->buddy, block, &size));
+    listInit(block, data.base);
+    page->freeList.next = data.offsetOf(block);
+    void* const next = small->alloc(small, 64);
+    EXPECT_TRUE(next != nullptr && next != block);
+    EXPECT_TRUE(log.has(" are damaged and given up.\n"));
+}
+
 /// Whatever a peer writes into the segments, nothing outside of them is touched and every call
 /// ends.
 TEST(ShareAllocators, DamagedSegmentsLeadNowhere) {

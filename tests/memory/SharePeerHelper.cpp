@@ -58,7 +58,8 @@ int main(int argc, char** argv) {
     const auto pid = static_cast<uint32_t>(getpid());
     if (role == "work") {
         say("there");
-        return OrbelTest::takeAndGiveAtRandom(pool, pid, 20000) ? 0 : 1;
+        std::getchar();  // all begin at once
+        return OrbelTest::takeAndGiveAtRandom(pool, pid, 300000) ? 0 : 1;
     }
     if (role == "lock") {
         getProcessMutex(static_cast<uint32_t>(std::atoi(argv[4])))

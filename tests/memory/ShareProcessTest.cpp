@@ -75,9 +75,10 @@ TEST_F(ShareProcess, ProcessesAndThreadsShareTheBuddy) {
     HelperProcess first("SharePeerHelper", peer("work"));
     HelperProcess second("SharePeerHelper", peer("work"));
     ASSERT_TRUE(first.waitForLine("there") && second.waitForLine("there"));
+    ASSERT_TRUE(first.writeLine("go") && second.writeLine("go"));
     bool otherWhole = false;
-    std::thread other([&] { otherWhole = takeAndGiveAtRandom(*mPool, 1, 20000); });
-    EXPECT_TRUE(takeAndGiveAtRandom(*mPool, 2, 20000));
+    std::thread other([&] { otherWhole = takeAndGiveAtRandom(*mPool, 1, 300000); });
+    EXPECT_TRUE(takeAndGiveAtRandom(*mPool, 2, 300000));
     other.join();
     EXPECT_TRUE(otherWhole);
     EXPECT_EQ(first.wait(), 0);
@@ -104,7 +105,7 @@ TEST_F(ShareProcess, ADeadOwnerLeavesTheLockToTheNext) {
 TEST_F(ShareProcess, WorkGoesOnAfterKillsAtAnyPoint) {
     std::mt19937 random(static_cast<uint32_t>(getpid()));
     MemoryRefer* const refer = mPool->refer;
-    for (int round = 0; round < 30; ++round) {
+    for (int round = 0; round < 12; ++round) {
         const bool refers = round % 2 == 0;
         HelperProcess victim("SharePeerHelper", peer(refers ? "referOn" : "workOn"));
         ASSERT_TRUE(victim.waitForLine("there"));

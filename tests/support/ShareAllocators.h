@@ -81,13 +81,13 @@ private:
     bool mReady = false;
 };
 
-/// Takes and gives blocks of random sizes and fills each with a byte of its own: false if one was
-/// changed by another holder. All are given back at the end.
+/// Takes and gives blocks of random sizes and marks each throughout with a word of its own: false
+/// if one was changed by another holder. All are given back at the end.
 inline bool takeAndGiveAtRandom(const ShareAllocators& pool, uint32_t seed, int steps) {
     struct Block {
         uint8_t* memory;
         int32_t size;
-        uint8_t mark;
+        uint32_t mark;
     };
     std::mt19937 random(seed);
     std::vector<Block> held;
@@ -95,7 +95,7 @@ inline bool takeAndGiveAtRandom(const ShareAllocators& pool, uint32_t seed, int 
     const auto giveOne = [&](size_t which) {
         const Block block = held[which];
         for (int32_t i = 0; i < block.size; i += 512) {
-            whole = whole && block.memory[i] == block.mark;
+            whole = whole && std::memcmp(block.memory + i, &block.mark, sizeof block.mark) == 0;
         }
         pool.buddy->free(pool.buddy, block.memory);
         held[which] = held.back();
@@ -105,9 +105,11 @@ inline bool takeAndGiveAtRandom(const ShareAllocators& pool, uint32_t seed, int 
         int32_t size = static_cast<int32_t>(random() % 20000 + 1);
         if (held.size() < 12 && random() % 2 == 0) {
             if (void* memory = pool.buddy->malloc(pool.buddy, &size)) {
-                held.push_back(
-                    {static_cast<uint8_t*>(memory), size, static_cast<uint8_t>(random())});
-                std::memset(memory, held.back().mark, static_cast<size_t>(size));
+                const auto mark = static_cast<uint32_t>(random());
+                held.push_back({static_cast<uint8_t*>(memory), size, mark});
+                for (int32_t i = 0; i < size; i += 512) {
+                    std::memcpy(held.back().memory + i, &mark, sizeof mark);
+                }
             }
         } else if (!held.empty()) {
             giveOne(random() % held.size());
