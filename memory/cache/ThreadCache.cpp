@@ -17,7 +17,7 @@ ThreadCache::ThreadCache() {
 
 void* ThreadCache::fetchFromCentralCache(size_t index, size_t size) {
     if (index >= SizeClass::kFreeLists) {
-        ORBEL_LOG_FATAL("index should smaller than %d\n", static_cast<int>(SizeClass::kFreeLists));
+        ORBEL_LOG_FATAL("index should smaller than %d", static_cast<int>(SizeClass::kFreeLists));
         std::abort();
     }
     if (index >= SizeClass::kThreadLists) {

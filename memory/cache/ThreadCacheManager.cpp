@@ -19,6 +19,11 @@ ThreadCacheNode* ThreadCacheManager::node() {
         Guard<CMutex> guard(mMutex);
         const pthread_t self = pthread_self();
         ThreadCacheNode* found = findLocked(self);
+        if (found != nullptr) {
+            // Left by an ended thread of the same id that allocated in its last destructors. The
+            // key is not set yet in this one, which would never give the node back.
+            pthread_setspecific(mKey, found);
+        }
         currentNode = found != nullptr ? found : makeLocked(self);
     }
     return currentNode;
