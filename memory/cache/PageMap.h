@@ -11,14 +11,17 @@
 
 namespace Vantel::Memory {
 
-/// What the page map holds for a page: its span and a tag, in one word. The tag is the span's
-/// class + 1, or 0 where there is none, so that a free needs no look at the span. No user-space
-/// address needs the upper 16 bits.
+/// What the page map holds for a page: its span and, so that a free needs no look at the span, its
+/// class. No user-space address needs the upper 16 bits.
+///     0..47    the span
+///     48..55   tag: class + 1, 0 where there is none
+///     56..63   the tag again if threads cache the class, else 0
 class PageEntry {
 public:
     PageEntry() = default;
     PageEntry(Span* span, uint8_t tag)
-        : mWord(reinterpret_cast<uintptr_t>(span) | static_cast<uint64_t>(tag) << kTagShift) {}
+        : mWord(reinterpret_cast<uintptr_t>(span) | uint64_t{tag} << kTagShift |
+                (tag <= SizeClass::kThreadLists ? uint64_t{tag} << kThreadTagShift : 0)) {}
     static PageEntry unpack(uint64_t word) {
         PageEntry entry;
         entry.mWord = word;
@@ -27,10 +30,12 @@ public:
     uint64_t pack() const { return mWord; }
 
     Span* span() const { return reinterpret_cast<Span*>(mWord & ((uint64_t{1} << kTagShift) - 1)); }
-    uint64_t tag() const { return mWord >> kTagShift; }
+    uint64_t tag() const { return mWord >> kTagShift & 0xFF; }
+    uint64_t threadTag() const { return mWord >> kThreadTagShift; }
 
 private:
     static constexpr int kTagShift = 48;
+    static constexpr int kThreadTagShift = 56;
     uint64_t mWord = 0;
 };
 
@@ -47,13 +52,14 @@ class PageMap3 {
     static constexpr size_t kLength = size_t{1} << kLeafBits;
 
 public:
-    /// Bits of an address below those that select a leaf.
-    static constexpr int kLeafShift = kLeafBits + static_cast<int>(kPageShift);
+    static constexpr size_t kLeafPages = kLength;
 
     class alignas(kPageSize) Leaf {
     public:
-        PageEntry get(uint64_t k) const {
-            return PageEntry::unpack(std::atomic_ref(const_cast<uint64_t&>(entries[k & kMask]))
+        PageEntry get(uint64_t k) const { return at(k & kMask); }
+        /// The entry of the leaf's page number `i`, below kLeafPages.
+        PageEntry at(uint64_t i) const {
+            return PageEntry::unpack(std::atomic_ref(const_cast<uint64_t&>(entries[i]))
                                          .load(std::memory_order_relaxed));
         }
         void set(uint64_t k, PageEntry entry) {
@@ -73,6 +79,9 @@ public:
         Interior* interior = load(mRoot[rootIndex(k)]);
         return interior == nullptr ? nullptr : load(interior->leafs[interiorIndex(k)]);
     }
+
+    /// The first page of the leaf that holds page `k`.
+    static constexpr uint64_t firstOfLeaf(uint64_t k) { return k & ~uint64_t{kLength - 1}; }
 
     /// An empty entry where nothing was set.
     PageEntry get(uint64_t k) {

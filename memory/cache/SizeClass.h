@@ -34,9 +34,8 @@ public:
         return index;
     }
 
-    /// The same for 0 (counts as 1) to kMaxThreadSize, by a table: mixed sizes would mispredict
-    /// the branches.
-    static size_t threadIndex(size_t size);
+    /// The same + 1 for 0 (counts as 1) to kMaxThreadSize, by a table.
+    static size_t threadTag(size_t size);
 
     /// Size of the objects of a class; 0 for an index outside the table.
     static constexpr size_t size(size_t index) {
@@ -80,17 +79,17 @@ public:
     }
 };
 
-/// Class by size in units of 8 bytes, rounded up.
-inline constexpr auto kThreadIndex = [] {
-    std::array<uint8_t, SizeClass::kMaxThreadSize / 8 + 1> table{};
-    for (size_t i = 1; i < table.size(); ++i) {
-        table[i] = static_cast<uint8_t>(SizeClass::rawIndex(i * 8));
+/// Class + 1 by size: mixed sizes would mispredict the branches of rawIndex().
+inline constexpr auto kThreadTag = [] {
+    std::array<uint8_t, SizeClass::kMaxThreadSize + 1> table{1};  // 0 counts as 1
+    for (size_t size = 1; size < table.size(); ++size) {
+        table[size] = static_cast<uint8_t>(SizeClass::rawIndex(size) + 1);
     }
     return table;
 }();
 
-inline size_t SizeClass::threadIndex(size_t size) {
-    return kThreadIndex[(size + 7) >> 3];
+inline size_t SizeClass::threadTag(size_t size) {
+    return kThreadTag[size];
 }
 
 }  // namespace Vantel::Memory

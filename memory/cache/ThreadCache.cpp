@@ -7,11 +7,10 @@
 
 namespace Vantel::Memory {
 
-ThreadCache::ThreadCache() {
-    void** bottom = mObjects;
+ThreadCache::ThreadCache(void** room) {
     for (size_t i = 0; i < SizeClass::kThreadLists; ++i) {
-        mLists[i] = {bottom, bottom, bottom + ThreadListLengths::first(i)};
-        bottom += ThreadListLengths::room(i);
+        mLists[i + 1] = {room, room + ThreadListLengths::first(i), room};
+        room += ThreadListLengths::room(i);
     }
 }
 
@@ -25,12 +24,12 @@ void* ThreadCache::fetchFromCentralCache(size_t index, size_t size) {
         CentralCache::instance().fetch(index, 1, &object);
         return object;
     }
-    FreeList& list = mLists[index];
+    FreeList& list = mLists[index + 1];
     const size_t batch = SizeClass::numMoveSize(size);
     // The list is empty, or nobody would fetch.
     list.top += CentralCache::instance().fetch(index, std::min(list.maxLength(), batch), list.top);
     slowStart(list, index, batch);
-    return empty(index) ? nullptr : pop(index);
+    return tryPop(index + 1);
 }
 
 void ThreadCache::slowStart(FreeList& list, size_t index, size_t batch) {
@@ -40,15 +39,19 @@ void ThreadCache::slowStart(FreeList& list, size_t index, size_t batch) {
     }
 }
 
-void ThreadCache::releaseHalf(FreeList& list, size_t index) {
-    const size_t half = list.count() / 2;
-    list.top -= half;
-    CentralCache::instance().release(index, list.top, half);
+void ThreadCache::push(size_t index, void* object) {
+    FreeList& list = mLists[index + 1];
+    *list.top++ = object;
+    if (list.top > list.limit) {
+        const size_t half = list.count() / 2;
+        list.top -= half;
+        CentralCache::instance().release(index, list.top, half);
+    }
 }
 
 void ThreadCache::releaseAll() {
     for (size_t i = 0; i < SizeClass::kThreadLists; ++i) {
-        FreeList& list = mLists[i];
+        FreeList& list = mLists[i + 1];
         if (list.count() > 0) {
             CentralCache::instance().releaseToSpans(i, list.bottom, list.count());
             list.top = list.bottom;

@@ -1,7 +1,5 @@
 #include "memory/cache/ThreadCacheManager.h"
 
-#include <new>
-
 #include "frame/base/Guard.h"
 
 namespace Vantel::Memory {
@@ -9,13 +7,14 @@ namespace Vantel::Memory {
 using Orbel::CMutex;
 using Orbel::Guard;
 
-constinit thread_local ThreadCacheNode* currentNode = nullptr;
+constinit ThreadCacheNode noNode;
+constinit thread_local ThreadCacheNode* currentNode = &noNode;
 
 ThreadCacheManager::ThreadCacheManager()
     : mKeyMade(pthread_key_create(&mKey, &ThreadCacheManager::retire) == 0) {}
 
 ThreadCacheNode* ThreadCacheManager::node() {
-    if (currentNode == nullptr) {
+    if (currentNode == &noNode) {
         Guard<CMutex> guard(mMutex);
         const pthread_t self = pthread_self();
         ThreadCacheNode* found = findLocked(self);
@@ -41,13 +40,13 @@ ThreadCacheNode* ThreadCacheManager::findLocked(pthread_t thread) {
 ThreadCacheNode* ThreadCacheManager::makeLocked(pthread_t thread) {
     void* memory = mKeyMade ? mArena.take() : nullptr;
     if (memory == nullptr) {
-        return nullptr;
+        return &noNode;
     }
     if (pthread_setspecific(mKey, memory) != 0) {
         mArena.give(memory);
-        return nullptr;
+        return &noNode;
     }
-    auto* node = new (memory) ThreadCacheNode;
+    ThreadCacheNode* node = ThreadCacheRecord::construct(memory);
     node->threadId = thread;
     node->next = mNodes;
     if (mNodes != nullptr) {
@@ -61,7 +60,7 @@ ThreadCacheNode* ThreadCacheManager::makeLocked(pthread_t thread) {
 /// again: they get a new node, and this is called once more.
 void ThreadCacheManager::retire(void* memory) {
     auto* node = static_cast<ThreadCacheNode*>(memory);
-    currentNode = nullptr;
+    currentNode = &noNode;
     node->cache.releaseAll();
 
     ThreadCacheManager& manager = instance();
@@ -80,9 +79,9 @@ bool ThreadCacheManager::shutDown() {
             return false;
         }
     }
-    if (currentNode != nullptr) {
+    if (currentNode != &noNode) {
         currentNode->cache.releaseAll();
-        currentNode = nullptr;
+        currentNode = &noNode;
         mNodes = nullptr;
     }
     if (mKeyMade) {

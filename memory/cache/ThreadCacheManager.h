@@ -8,8 +8,11 @@
 
 namespace Vantel::Memory {
 
-/// The calling thread's node, null before its first allocation. Initial-exec: read by two loads,
-/// without a call, also from the shared library, which is small enough for it.
+/// What a thread has before its first allocation: a cache that is empty and full at once.
+extern constinit ThreadCacheNode noNode;
+
+/// The calling thread's node, never null. Initial-exec: read by two loads, without a call, also
+/// from the shared library, which is small enough for it.
 extern constinit thread_local ThreadCacheNode* currentNode
     __attribute__((tls_model("initial-exec")));
 
@@ -19,7 +22,7 @@ public:
     ThreadCacheManager();
     static ThreadCacheManager& instance();
 
-    /// The calling thread's node, made if need be; null if there is no memory.
+    /// The calling thread's node, made if need be; noNode if there is no memory.
     ThreadCacheNode* node();
 
     /// At the end of the process, by the thread that exits: its lists go back and all nodes are
@@ -36,7 +39,7 @@ private:
     ThreadCacheNode* mNodes = nullptr;
     pthread_key_t mKey{};
     bool mKeyMade = false;
-    RecordArena<ThreadCacheNode, 32> mArena;
+    RecordArena<ThreadCacheRecord, 32> mArena;
 };
 
 }  // namespace Vantel::Memory

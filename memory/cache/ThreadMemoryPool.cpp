@@ -48,11 +48,10 @@ void* allocateLarge(size_t size) {
 }  // namespace
 
 void* ThreadMemoryPool::allocate(size_t size) {
-    ThreadCacheNode* node = currentNode;
-    if (size <= SizeClass::kMaxThreadSize && node != nullptr) [[likely]] {
-        const size_t index = SizeClass::threadIndex(size);
-        if (!node->cache.empty(index)) [[likely]] {
-            return node->cache.pop(index);
+    if (size <= SizeClass::kMaxThreadSize) [[likely]] {
+        void* object = currentNode->cache.tryPop(SizeClass::threadTag(size));
+        if (object != nullptr) [[likely]] {
+            return object;
         }
     }
     return allocateSlowly(size);
@@ -63,25 +62,19 @@ void* ThreadMemoryPool::allocateSlowly(size_t size) {
     if (size > SizeClass::kMaxSize) {
         return allocateLarge(size);
     }
-    ThreadCacheNode* node = ThreadCacheManager::instance().node();
-    if (node == nullptr) {
-        return nullptr;
-    }
     const size_t index = SizeClass::index(size);
-    if (index < SizeClass::kThreadLists && !node->cache.empty(index)) {
-        return node->cache.pop(index);  // the node was found again
+    ThreadCacheNode* node = ThreadCacheManager::instance().node();
+    if (node == &noNode) {
+        return nullptr;
     }
     return node->cache.fetchFromCentralCache(index, size);
 }
 
 void ThreadMemoryPool::deallocate(void* block) {
     ThreadCacheNode* node = currentNode;
-    const auto address = reinterpret_cast<uintptr_t>(block);
-    if (node != nullptr && address >> PageMap::kLeafShift == node->leafIndex) [[likely]] {
-        // Tag 0, which is no class, becomes the largest index.
-        const uint64_t index = node->leaf->get(address >> kPageShift).tag() - 1;
-        if (index < SizeClass::kThreadLists) [[likely]] {
-            node->cache.push(index, block);
+    const uint64_t inLeaf = pageOf(block) - node->leafPage;
+    if (inLeaf < node->leafPages) [[likely]] {
+        if (node->cache.tryPush(node->leaf->at(inLeaf).threadTag(), block)) [[likely]] {
             return;
         }
     }
@@ -102,13 +95,15 @@ void ThreadMemoryPool::deallocateSlowly(void* block) {
     const size_t index = entry.tag() - 1;
     // A thread may free without having allocated; the object can do without a node.
     ThreadCacheNode* node =
-        index < SizeClass::kThreadLists ? ThreadCacheManager::instance().node() : nullptr;
-    if (node == nullptr) {
+        index < SizeClass::kThreadLists ? ThreadCacheManager::instance().node() : &noNode;
+    if (node == &noNode) {
         CentralCache::instance().release(index, &block, 1);
         return;
     }
-    node->leafIndex = reinterpret_cast<uintptr_t>(block) >> PageMap::kLeafShift;
-    node->leaf = PageCache::instance().map().leafOf(pageOf(block));
+    PageMap& map = PageCache::instance().map();
+    node->leaf = map.leafOf(pageOf(block));
+    node->leafPage = PageMap::firstOfLeaf(pageOf(block));
+    node->leafPages = PageMap::kLeafPages;
     node->cache.push(index, block);
 }
 
