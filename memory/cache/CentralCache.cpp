@@ -46,16 +46,11 @@ private:
 };
 
 size_t CentralCache::fetch(size_t index, size_t count, void** objects) {
-    Class& spans = mClasses[index];
-    ClassGuard guard(spans);
-    const uint32_t stock = spans.stockCount.load(std::memory_order_relaxed);
-    if (stock > 0) {
-        const size_t taken = std::min<size_t>(count, stock);
-        const auto left = static_cast<uint32_t>(stock - taken);
-        std::memcpy(objects, mStocks[index].objects + left, taken * sizeof(void*));
-        spans.stockCount.store(left, std::memory_order_relaxed);
+    if (const size_t taken = takeFromStocks(index, count, objects)) {
         return taken;
     }
+    Class& spans = mClasses[index];
+    ClassGuard guard(spans);
     Span* span = spanWithObjects(index, guard);
     if (span == nullptr) {
         return 0;
@@ -105,21 +100,36 @@ Span* CentralCache::knownSpan(Class& spans) {
     return spans.spans.front();
 }
 
-void CentralCache::release(size_t index, void* const* objects, size_t count) {
-    Class& spans = mClasses[index];
-    ClassGuard guard(spans);
-    if (index < SizeClass::kThreadLists) {
-        const uint32_t stock = spans.stockCount.load(std::memory_order_relaxed);
-        if (stock + count <= Stock::kCapacity) {
-            std::memcpy(mStocks[index].objects + stock, objects, count * sizeof(void*));
-            spans.stockCount.store(static_cast<uint32_t>(stock + count), std::memory_order_relaxed);
-            if (!mStocked.load(std::memory_order_relaxed)) {
-                mStocked.store(true, std::memory_order_relaxed);
-            }
-            return;
-        }
+/// From this processor's stock, else from the first other one that has objects.
+size_t CentralCache::takeFromStocks(size_t index, size_t count, void** objects) {
+    if (!mStocked.load(std::memory_order_relaxed)) {
+        return 0;
     }
-    putBack(spans, objects, count, guard, true);
+    Stock* mine = mStocks.mine(false);
+    size_t taken = mine == nullptr ? 0 : mine->take(index, count, objects);
+    if (taken == 0) {
+        mStocks.forEach([&](Stock& stock) {
+            taken = stock.take(index, count, objects);
+            return taken > 0;
+        });
+    }
+    return taken;
+}
+
+/// False if the objects must go to their spans. Above the threshold what threads do not cache goes
+/// there at once: it would keep pages from going back.
+bool CentralCache::stock(size_t index, void* const* objects, size_t count) {
+    if (index >= SizeClass::kThreadLists && mPages.aboveThreshold()) {
+        return false;
+    }
+    Stock* mine = mStocks.mine(true);
+    return mine != nullptr && mine->put(index, objects, count, mStocked);
+}
+
+void CentralCache::release(size_t index, void* const* objects, size_t count) {
+    if (!stock(index, objects, count)) {
+        releaseToSpans(index, objects, count);
+    }
 }
 
 void CentralCache::releaseToSpans(size_t index, void* const* objects, size_t count) {
@@ -218,35 +228,34 @@ void CentralCache::givePages(Span* span, bool stocksToo) {
 }
 
 void CentralCache::emptyStocks() {
-    // The mark goes first: whoever stocks behind our look at a class, under its lock, sets it anew.
-    if (mStocked.exchange(false, std::memory_order_relaxed)) {
-        for (size_t index = 0; index < SizeClass::kThreadLists; ++index) {
-            emptyStock(index);
-        }
+    // The mark goes first: whoever puts behind our look sets it anew.
+    if (mStocked.exchange(false, std::memory_order_seq_cst)) {
+        emptyVisibleStocks();
     }
 }
 
-/// Those that seem to have one, which is enough where nothing hangs on the last of them.
+/// All but those that are in use just now, for which the mark stays.
 void CentralCache::emptyVisibleStocks() {
-    if (mStocked.load(std::memory_order_relaxed)) {
-        for (size_t index = 0; index < SizeClass::kThreadLists; ++index) {
-            if (mClasses[index].stockCount.load(std::memory_order_relaxed) > 0) {
-                emptyStock(index);
-            }
+    mStocks.forEach([this](Stock& stock) {
+        if (stock.busy() || !emptyStock(stock)) {
+            mStocked.store(true, std::memory_order_seq_cst);
         }
-    }
+        return false;
+    });
 }
 
-void CentralCache::emptyStock(size_t index) {
-    Class& spans = mClasses[index];
-    void* objects[SizeClass::kMaxMove];  // a copy: the lock is let go of in between
-    ClassGuard guard(spans);
-    while (const uint32_t stock = spans.stockCount.load(std::memory_order_relaxed)) {
-        const auto count = std::min<uint32_t>(stock, SizeClass::kMaxMove);
-        std::memcpy(objects, mStocks[index].objects + stock - count, count * sizeof(void*));
-        spans.stockCount.store(stock - count, std::memory_order_relaxed);
-        putBack(spans, objects, count, guard, false);
+/// False if something is left: somebody came in between.
+bool CentralCache::emptyStock(Stock& stock) {
+    bool empty = true;
+    for (size_t index = 0; index < SizeClass::kFreeLists; ++index) {
+        void* objects[SizeClass::kMaxMove];  // a copy: the lock is let go of in between
+        while (const size_t count = stock.take(index, SizeClass::kMaxMove, objects)) {
+            ClassGuard guard(mClasses[index]);
+            putBack(mClasses[index], objects, count, guard, false);
+        }
+        empty = empty && !stock.has(index);
     }
+    return empty;
 }
 
 void CentralCache::reclaim() {

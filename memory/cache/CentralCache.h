@@ -8,6 +8,7 @@
 #include "memory/cache/PageCache.h"
 #include "memory/cache/SizeClass.h"
 #include "memory/cache/Span.h"
+#include "memory/cache/Stock.h"
 
 namespace Vantel::Memory {
 
@@ -23,8 +24,7 @@ public:
     /// memory.
     size_t fetch(size_t index, size_t count, void** objects);
 
-    /// Takes `count` objects of a class back, into their spans or, if they are of a kind that
-    /// threads cache, into the class's stock.
+    /// Takes `count` objects of a class back, into the processor's stock or into their spans.
     void release(size_t index, void* const* objects, size_t count);
     /// The same, into their spans only.
     void releaseToSpans(size_t index, void* const* objects, size_t count);
@@ -51,17 +51,8 @@ private:
         uint64_t idlePages = 0;
         // At least idlePages. Atomic to be looked at without the lock; written only with it.
         std::atomic<uint64_t> reservedPages{0};
-        std::atomic<uint32_t> stockCount{0};  // likewise
     };
     class ClassGuard;
-
-    /// Objects that one thread gave back and the next may have, moved as they come: no span is
-    /// looked at. For their spans they are still out. They go back before anything is mapped or
-    /// unmapped, and when a thread ends.
-    struct Stock {
-        static constexpr size_t kCapacity = 1024;
-        void* objects[kCapacity];
-    };
 
     // With the lock of the class held; the guard is let go of where a span moves to or from afar.
     Span* spanWithObjects(size_t index, ClassGuard& guard);
@@ -75,15 +66,18 @@ private:
     static Span* takeIdle(Class& spans);
 
     // Without a lock.
+    bool stock(size_t index, void* const* objects, size_t count);
+    size_t takeFromStocks(size_t index, size_t count, void** objects);
     void emptyVisibleStocks();
-    void emptyStock(size_t index);
+    bool emptyStock(Stock& stock);
     void reclaimIdle();
     void givePages(Span* span, bool stocksToo);
 
     PageCache& mPages;
     Class mClasses[SizeClass::kFreeLists];
-    Stock mStocks[SizeClass::kThreadLists];
-    // Whether any class may have a stock. Written when it changes only: all threads read it.
+    // They go back before anything is mapped or unmapped, and when a thread ends.
+    Stocks mStocks;
+    // Whether any stock may have objects. Written when it changes only: all threads read it.
     std::atomic<bool> mStocked{false};
 };
 

@@ -59,8 +59,8 @@ public:
         PageEntry get(uint64_t k) const { return at(k & kMask); }
         /// The entry of the leaf's page number `i`, below kLeafPages.
         PageEntry at(uint64_t i) const {
-            return PageEntry::unpack(std::atomic_ref(const_cast<uint64_t&>(entries[i]))
-                                         .load(std::memory_order_relaxed));
+            return PageEntry::unpack(
+                std::atomic_ref(const_cast<uint64_t&>(entries[i])).load(std::memory_order_relaxed));
         }
         void set(uint64_t k, PageEntry entry) {
             std::atomic_ref(entries[k & kMask]).store(entry.pack(), std::memory_order_relaxed);

@@ -29,7 +29,9 @@ void* ThreadCache::fetchFromCentralCache(size_t index, size_t size) {
     // The list is empty, or nobody would fetch.
     list.top += CentralCache::instance().fetch(index, std::min(list.maxLength(), batch), list.top);
     slowStart(list, index, batch);
-    return tryPop(index + 1);
+    void* object = nullptr;
+    tryPop(index + 1, object);
+    return object;
 }
 
 void ThreadCache::slowStart(FreeList& list, size_t index, size_t batch) {

@@ -50,15 +50,16 @@ public:
     ThreadCache(const ThreadCache&) = delete;
     ThreadCache& operator=(const ThreadCache&) = delete;
 
-    /// The last object that came in, null if there is none.
-    void* tryPop(size_t tag) {
+    /// Takes the last object that came in; false if there is none.
+    bool tryPop(size_t tag, void*& object) {
         FreeList& list = mLists[tag];
         void** top = list.top;
         if (top == list.bottom) [[unlikely]] {
-            return nullptr;
+            return false;
         }
         list.top = --top;
-        return *top;
+        object = *top;
+        return true;
     }
 
     /// False, with nothing done, if the list is at its limit.

@@ -184,7 +184,7 @@ TEST(MemoryPool, EveryClassHoldsWhatItsArithmeticSays) {
         ASSERT_GE(SizeClass::size(index), size);
         ASSERT_LE(SizeClass::smallest(index), size);
         if (size <= SizeClass::kMaxThreadSize) {
-            ASSERT_EQ(SizeClass::threadIndex(size), index);
+            ASSERT_EQ(SizeClass::threadTag(size), index + 1);
         }
     }
     EXPECT_EQ(SizeClass::size(SizeClass::kFreeLists), 0u);
