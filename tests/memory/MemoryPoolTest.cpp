@@ -297,6 +297,26 @@ TEST(MemoryPool, AThreadMayFreeWhatItNeverAllocated) {
     EXPECT_LE(pagesInUse(), kThreshold);
 }
 
+TEST(MemoryPool, PagesGoBackWhileTheThreadLives) {
+    inThread([] {
+        IMemoryPool* pool = IMemoryPool::instance();
+        for (const size_t size : {1100, 5000, 20000, 65536}) {
+            SCOPED_TRACE(size);
+            std::vector<void*> blocks(32 * 1024 * 1024 / size);
+            for (void*& block : blocks) {
+                block = pool->allocate(size);
+            }
+            EXPECT_GT(pagesInUse(), 8000u);
+            for (void* block : blocks) {
+                pool->deallocate(block);
+            }
+            // What stays in stock is little, and pins a region at most for each block.
+            EXPECT_LE(pagesInUse(), kThreshold + 8 * PageCache::kMaxPages);
+        }
+    });
+    EXPECT_LE(pagesInUse(), kThreshold) << "the stocks go back with the thread";
+}
+
 TEST(MemoryPool, FreePagesMergeAcrossTheWholeRegion) {
     inThread([] {
         CentralCache& central = CentralCache::instance();
