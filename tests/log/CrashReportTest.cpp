@@ -9,11 +9,12 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <optional>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "tests/log/RawLogServer.h"
 #include "tests/support/HelperProcess.h"
 #include "tests/support/TestName.h"
 
@@ -284,6 +285,57 @@ TEST_F(CrashReportTest, TheCoreShowsTheMemoryOfTheProcess) {
                                       ("'info threads' " + helper) + " " + core + " 2>&1");
     EXPECT_NE(seen.find("found in the core"), std::string::npos) << seen;
     EXPECT_NE(seen.find("LWP " + got.behind("crashing ")), std::string::npos) << seen;
+}
+
+TEST_F(CrashReportTest, TheReportArrivesAtTheServer) {
+    const std::string path = mDirectory + "/server.sock";
+    for (const char* sink : {"logger", "callback"}) {
+        HelperProcess server("../examples/log_server", {path});
+        ASSERT_TRUE(server.waitForLine("listening on " + path));
+        HelperProcess child("CrashClientHelper", {path, sink, "0"});
+        std::string line;
+        size_t at = 0;
+        const char* const wanted[] = {"[crasher][fatal][", "]coredump thread id = ", "MemTotal:",
+                                      "]print backtrace begin", "]print backtrace end"};
+        while (at < std::size(wanted) && server.readLine(line)) {
+            while (at < std::size(wanted) && line.find(wanted[at]) != std::string::npos) {
+                ++at;
+            }
+        }
+        EXPECT_EQ(at, std::size(wanted)) << "missing: " << wanted[at];
+        const int status = child.wait();
+        EXPECT_EQ(status, strcmp(sink, "logger") == 0 ? 255 << 8 : SIGSEGV) << sink;
+    }
+}
+
+TEST_F(CrashReportTest, TheLastWordsWaitForASlowServer) {
+    constexpr int kLines = 400;  // more than a socket holds
+    OrbelTest::RawLogServer server;
+    HelperProcess child("CrashClientHelper", {server.path(), "logger", std::to_string(kLines)});
+    ASSERT_TRUE(server.acceptAndRegister());
+    ASSERT_TRUE(child.waitForLine("crashing"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));  // the report is in the queue
+    int next = 0;
+    int flushes = 0;
+    std::string last;
+    std::string payload;
+    for (auto header = server.readPacket(payload); header.cmd <= 5;
+         header = server.readPacket(payload)) {
+        if (header.cmd == static_cast<uint32_t>(Vantel::Log::LogCommand::Flush)) {
+            ++flushes;
+        } else {
+            const size_t text = payload.find(std::string(100, 'x'));
+            if (text != std::string::npos) {
+                EXPECT_EQ(atoi(payload.c_str() + text - 6), next);
+                ++next;
+            }
+            last = payload;
+        }
+    }
+    EXPECT_EQ(next, kLines);
+    EXPECT_NE(last.find("]print backtrace end\n"), std::string::npos) << last;
+    EXPECT_EQ(flushes, 1);
+    EXPECT_EQ(child.wait(), 255 << 8);
 }
 
 /// The last: by now most of the ten seconds have passed.
