@@ -86,13 +86,13 @@ protected:
         const char* given = getenv("TSAN_OPTIONS");
         setenv("TSAN_OPTIONS",
                (std::string(given != nullptr ? given : "") + " report_signal_unsafe=0").c_str(), 1);
+        started = steady_clock::now();  // the children may crash before we run again
         // A report that hangs, and one that crashes itself.
         for (const auto& [where, hook] :
              {std::pair{"crowd", "report=stuck"}, {"main", "report=crash"}}) {
             stuck.push_back(std::make_unique<HelperProcess>(
                 "CrashHelper", std::vector<std::string>{kSegv, where, "callback", hook}));
         }
-        started = steady_clock::now();
     }
     static void TearDownTestSuite() { stuck.clear(); }
 
