@@ -189,21 +189,14 @@ TEST(Buddy, RefusesWhatHeadsNoAllocatedBlock) {
     EXPECT_EQ(buddy->free(buddy, nullptr), 0);
     EXPECT_EQ(buddy->free(buddy, block), 0);
     EXPECT_EQ(pool->freeSize(), 64U * 1024);
+    // It merged as an upper half, and those keep their state, as it stands.
+    EXPECT_EQ(pool->offsetOf(block), offset);
 
     for (const int32_t size : {0, -1, INT32_MIN, 64 * 1024 + 1, INT32_MAX}) {
         const int before = log.count("greater than orderNum 7 malloc size[");
         EXPECT_EQ(pool->take(size), nullptr) << size;
         EXPECT_EQ(log.count("greater than orderNum 7 malloc size["), before + (size != 0)) << size;
     }
-}
-
-TEST(Buddy, AnUpperHalfThatMergedStaysReleasableAsItStands) {
-    Pool pool({2 * 1024, 1024, 0});
-    void* const upper = pool->take(1024);
-    EXPECT_EQ(pool->offsetOf(upper), 1024);
-    EXPECT_EQ(pool->give(upper), 0);
-    EXPECT_EQ(pool->freeSize(), 2U * 1024);
-    EXPECT_EQ(pool->offsetOf(upper), 1024) << "its state was left as it was";
 }
 
 TEST(Buddy, AReadyZoneIsTakenAsItIsOrNotAtAll) {
