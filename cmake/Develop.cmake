@@ -79,9 +79,11 @@ foreach(source IN LISTS benches)
     get_filename_component(name ${source} NAME_WE)
     add_dependencies(benches ${name})
 endforeach()
-# The index queue is measured beside others.
+# The index queue and the logger are measured beside others.
 find_package(TBB REQUIRED)
 target_link_libraries(IndexQueueBench PRIVATE TBB::tbb)
+find_package(spdlog REQUIRED)
+target_link_libraries(LogBench PRIVATE spdlog::spdlog)
 foreach(directory examples tools)
     set(library orbel_static)
     if(directory STREQUAL examples)

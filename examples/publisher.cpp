@@ -1,9 +1,10 @@
 // Streams a file to other processes, which see its pieces in place, in shared memory.
 //
-//     publisher DOMAIN FILE READERS
+//     publisher DOMAIN FILE READERS [--log]
 //
-// Waits for READERS subscribers on the channel "<DOMAIN>_file", sends, waits until all samples
-// came back, and says what happened.
+// --log sends what it has to say to the log server, too (examples/log_server), as
+// "<DOMAIN>_publisher". Waits for READERS subscribers on the channel "<DOMAIN>_file", sends, waits
+// until all samples came back, and says what happened.
 #include <json/json.h>
 #include <unistd.h>
 
@@ -17,6 +18,7 @@
 #include <string>
 
 #include "SampleInfo.h"
+#include "Vantel/ILogger.h"
 #include "Vantel/Orbel/SharedMemBuffer.h"
 #include "Vantel/Orbel/SharedMemDomain.h"
 #include "Vantel/Orbel/SharedMemNode.h"
@@ -24,6 +26,7 @@
 #include "Vantel/Utils/Checksum.h"
 
 using namespace Vantel::Orbel;
+using Vantel::ILogger;
 
 namespace {
 
@@ -86,6 +89,9 @@ int stream(SharedMemWriteChannel& channel, std::ifstream& file, std::atomic<unsi
     std::printf("sent %lu bytes %lu\n", static_cast<unsigned long>(sequence),
                 static_cast<unsigned long>(sent));
     std::fflush(stdout);
+    ILogger::instance()->print(ILogger::kInfo, "Demo", "sent %lu samples, %lu bytes\n",
+                               static_cast<unsigned long>(sequence),
+                               static_cast<unsigned long>(sent));
     while (back.load() < sequence) {
         usleep(1000);
     }
@@ -97,11 +103,15 @@ int stream(SharedMemWriteChannel& channel, std::ifstream& file, std::atomic<unsi
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4) {
-        std::fprintf(stderr, "usage: publisher DOMAIN FILE READERS\n");
+    const bool log = argc == 5 && std::string(argv[4]) == "--log";
+    if (argc != 4 && !log) {
+        std::fprintf(stderr, "usage: publisher DOMAIN FILE READERS [--log]\n");
         return 2;
     }
     const std::string name = argv[1];
+    if (log) {  // first of all: until then, lines are swallowed
+        ILogger::instance()->init((name + "_publisher").c_str(), 4096);
+    }
     std::ifstream file(argv[2], std::ios::binary);
     if (!file) {
         std::perror(argv[2]);
@@ -129,6 +139,8 @@ int main(int argc, char** argv) {
     if (!channel->init() || !channel->create({}, onRelease)) {
         return 1;
     }
+    ILogger::instance()->print(ILogger::kInfo, "Demo", "sends %s to %s readers\n", argv[2],
+                               argv[3]);
     std::printf("ready\n");
     std::fflush(stdout);
     while (channel->getReaderCount() < static_cast<unsigned int>(std::atoi(argv[3]))) {

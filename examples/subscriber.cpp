@@ -1,10 +1,11 @@
 // Receives what publisher sends, in place, and can write the file out again.
 //
-//     subscriber DOMAIN [--sync] [--keep] [--count N] [FILE]
+//     subscriber DOMAIN [--sync] [--keep] [--count N] [--log] [FILE]
 //
 //     --sync    take the samples on the domain's loop thread: a hand-over less, but never block
 //     --keep    hold on to every sample, as a stuck application would, until SIGINT or SIGTERM
 //     --count   leave after N samples
+//     --log     say to the log server (examples/log_server) what happens, as "<DOMAIN>_subscriber"
 //
 // Ends with the stream, after N samples or on SIGINT or SIGTERM, and says what it got: samples,
 // bytes, speed, longest pause, microseconds from commit to callback (half, 99 % and all of the
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "SampleInfo.h"
+#include "Vantel/ILogger.h"
 #include "Vantel/Orbel/SharedMemBuffer.h"
 #include "Vantel/Orbel/SharedMemDomain.h"
 #include "Vantel/Orbel/SharedMemNode.h"
@@ -28,12 +30,14 @@
 #include "Vantel/Utils/Checksum.h"
 
 using namespace Vantel::Orbel;
+using Vantel::ILogger;
 
 namespace {
 
 struct Options {
     bool sync = false;
     bool keep = false;
+    bool log = false;
     unsigned long count = ~0UL;
     std::string file;
 };
@@ -101,6 +105,8 @@ public:
             seconds > 0 ? static_cast<double>(mBytes) / 1e6 / seconds : 0.0,
             static_cast<double>(mLongestGapNs) / 1e6, atShare(0.5), atShare(0.99), atShare(1),
             static_cast<unsigned long>(mLost), static_cast<unsigned long>(mCorrupt));
+        ILogger::instance()->print(ILogger::kInfo, "Demo", "leaves after %zu samples, %lu lost\n",
+                                   mLatencyNs.size(), static_cast<unsigned long>(mLost));
     }
 
 private:
@@ -126,6 +132,8 @@ Options parse(int argc, char** argv) {
             options.sync = true;
         } else if (word == "--keep") {
             options.keep = true;
+        } else if (word == "--log") {
+            options.log = true;
         } else if (word == "--count" && i + 1 < argc) {
             options.count = std::strtoul(argv[++i], nullptr, 10);
         } else {
@@ -139,7 +147,8 @@ Options parse(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: subscriber DOMAIN [--sync] [--keep] [--count N] [FILE]\n");
+        std::fprintf(stderr,
+                     "usage: subscriber DOMAIN [--sync] [--keep] [--count N] [--log] [FILE]\n");
         return 2;
     }
     // Blocked before any thread starts, so that main() can wait for them.
@@ -152,6 +161,9 @@ int main(int argc, char** argv) {
     const std::string name = argv[1];
     const Options options = parse(argc, argv);
     Receiver receiver(options);
+    if (options.log) {  // first of all: until then, lines are swallowed
+        ILogger::instance()->init((name + "_subscriber").c_str(), 4096);
+    }
 
     // No pools here: those that the publisher made are found as its samples come.
     auto domain = SharedMemDomain::instance(name);
@@ -170,6 +182,9 @@ int main(int argc, char** argv) {
     if (!channel->init() || !channel->open(onSample)) {
         return 1;
     }
+    ILogger::instance()->print(ILogger::kInfo, "Demo", "listens%s%s\n",
+                               options.sync ? ", on the domain's loop" : "",
+                               options.keep ? ", and keeps all" : "");
     std::printf("ready\n");
     std::fflush(stdout);
 

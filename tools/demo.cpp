@@ -3,6 +3,9 @@
 //
 //     demo FILE
 //
+// What they log comes together at the log server of the machine; if there is none, the demo starts
+// one, and shows the lines.
+//
 // Exit status 0: both copies equal the file, and every block of every pool is free again.
 #include <signal.h>
 #include <unistd.h>
@@ -142,6 +145,39 @@ bool sameBytes(const std::string& left, const std::string& right) {
                       std::istreambuf_iterator<char>(b), std::istreambuf_iterator<char>());
 }
 
+/// The log server that the demo starts, unless the machine has one.
+class Log {
+public:
+    Log() : mServer("../examples/log_server") {
+        std::string line;
+        mOwn = mServer.readLine(line);
+    }
+
+    bool own() const { return mOwn; }
+
+    /// The lines that tell of `domain`, once `enough` holds for one; ends the server.
+    template <class Enough>
+    std::vector<std::string> close(const std::string& domain, Enough&& enough) {
+        std::vector<std::string> lines;
+        bool ended = false;
+        for (std::string line; mServer.readLine(line, 5000);) {
+            if (line.find("[" + domain + "_") == std::string::npos) {
+                continue;
+            }
+            lines.push_back(line);
+            if (!ended && enough(line)) {
+                ended = true;
+                ::kill(mServer.pid(), SIGTERM);
+            }
+        }
+        return lines;
+    }
+
+private:
+    HelperProcess mServer;
+    bool mOwn = false;
+};
+
 double valueOf(const Report& report, const char* name) {
     const auto found = report.find(name);
     return found == report.end() ? 0.0 : found->second;
@@ -189,6 +225,7 @@ private:
         return condition;
     }
     std::string copy(const char* who) const { return mDirectory / who; }
+    void showLog(Log& log);
 
     const std::string mFile;
     const std::string mDomain;
@@ -196,16 +233,40 @@ private:
     bool mFailed = false;
 };
 
+void Demo::showLog(Log& log) {
+    if (!log.own()) {
+        std::printf("\nanother log server has the log\n");
+        return;
+    }
+    int left = 0;
+    const auto lines = log.close(mDomain, [&left](const std::string& line) {
+        left += line.find("leaves after ") != std::string::npos ? 1 : 0;
+        return left == 3;
+    });
+    std::printf("\nat the log server:\n");
+    size_t others = 0;
+    for (const std::string& line : lines) {
+        const bool own = line.find("[Demo]") != std::string::npos;
+        others += own ? 0 : 1;
+        if (own) {
+            std::printf("%s\n", line.c_str());
+        }
+    }
+    std::printf("and %zu lines of the library in them\n", others);
+    check(left == 3, "all subscribers but the killed one tell the log server that they leave");
+}
+
 int Demo::run() {
+    Log log;
     const std::string subscriber = "../examples/subscriber";
     // The publisher comes first: who makes the domain looks after the dead.
-    HelperProcess publisher("../examples/publisher", {mDomain, mFile, "3"});
+    HelperProcess publisher("../examples/publisher", {mDomain, mFile, "3", "--log"});
     if (!check(publisher.waitForLine("ready"), "the publisher starts")) {
         return 1;
     }
-    HelperProcess sync(subscriber, {mDomain, "--sync", copy("sync")});
-    HelperProcess standard(subscriber, {mDomain, copy("default")});
-    HelperProcess holder(subscriber, {mDomain, "--keep"});
+    HelperProcess sync(subscriber, {mDomain, "--log", "--sync", copy("sync")});
+    HelperProcess standard(subscriber, {mDomain, "--log", copy("default")});
+    HelperProcess holder(subscriber, {mDomain, "--log", "--keep"});
     if (!check(sync.waitForLine("ready") && standard.waitForLine("ready") &&
                    holder.waitForLine("ready"),
                "three subscribers start")) {
@@ -213,7 +274,7 @@ int Demo::run() {
     }
     const DomainView domain(mDomain);
     check(domain.valid() && domain.poolCount() >= 2, "the domain has pools of two block sizes");
-    HelperProcess late(subscriber, {mDomain, "--count", "20"});
+    HelperProcess late(subscriber, {mDomain, "--log", "--count", "20"});
     check(late.waitForLine("ready"), "a fourth subscriber joins late");
     const Kill kill = killHolder(domain, holder);
     check(kill.allBack, "the blocks of the killed subscriber come back");
@@ -253,6 +314,7 @@ int Demo::run() {
         "last after %.1f ms; the stream stood still for %.1f ms\n",
         kill.held, kill.firstBackMs, kill.lastBackMs, valueOf(syncReport, "gap_ms"));
     std::printf("blocks still in use: %zu\n", busy);
+    showLog(log);
     std::printf(mFailed ? "FAILED\n" : "both copies equal %s\n", mFile.c_str());
     return mFailed ? 1 : 0;
 }
