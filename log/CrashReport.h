@@ -4,7 +4,7 @@
 
 #include <functional>
 
-#include "log/ILogClient.h"
+#include "Vantel/Log/ILogClient.h"
 #include "log/SignalInfo.h"
 
 namespace Vantel::Log {

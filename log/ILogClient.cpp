@@ -1,4 +1,4 @@
-#include "log/ILogClient.h"
+#include "Vantel/Log/ILogClient.h"
 
 #include "log/LogClientImpl.h"
 

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "Vantel/ILogger.h"
+#include "Vantel/Log/ILogClient.h"
 #include "Vantel/Orbel/TSignal.h"
-#include "log/ILogClient.h"
 
 namespace Vantel {
 

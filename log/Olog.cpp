@@ -7,7 +7,7 @@
 #include <memory>
 #include <new>
 
-#include "log/ILogClient.h"
+#include "Vantel/Log/ILogClient.h"
 
 using Vantel::Log::ILogClient;
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "log/ILogClient.h"
+#include "Vantel/Log/ILogClient.h"
 
 namespace Vantel::Log {
 

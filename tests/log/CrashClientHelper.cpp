@@ -9,8 +9,8 @@
 #include <string>
 
 #include "Vantel/ILogger.h"
+#include "Vantel/Log/ILogClient.h"
 #include "Vantel/Log/Olog.h"
-#include "log/ILogClient.h"
 
 int main(int argc, char** argv) {
     if (argc < 4) {

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "log/ILogClient.h"
+#include "Vantel/Log/ILogClient.h"
 
 namespace OrbelTest {
 
