@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "frame/base/RetryOnEintr.h"
+#include "frame/base/ScopeExit.h"
 #include "frame/base/UniqueFd.h"
 
 namespace Vantel::Log {
@@ -51,6 +52,16 @@ void noteThread(SignalInfo& info) {
                   static_cast<unsigned long>(info.tid));
 }
 
+/// All signals but those that a fault of the thread itself raises.
+sigset_t foreignSignals() {
+    sigset_t signals;
+    sigfillset(&signals);
+    for (const int fault : {SIGABRT, SIGSEGV, SIGILL, SIGFPE, SIGBUS, SIGSYS, SIGTRAP}) {
+        sigdelset(&signals, fault);
+    }
+    return signals;
+}
+
 /// The signal is blocked while its handler runs: the process ends when the handler returns.
 void raiseWithDefaultAction(int signo) {
     signal(signo, SIG_DFL);
@@ -80,6 +91,10 @@ bool AsyncSignalHandler::start() {
     // The first call loads a library and allocates, which is better not done in a crash.
     void* frame = nullptr;
     backtrace(&frame, 1);
+    // The application's signals are for its own threads: it may yet block them, to wait for them.
+    const sigset_t foreign = foreignSignals();
+    pthread_sigmask(SIG_BLOCK, &foreign, &mReportMask);
+    const Orbel::ScopeExit unblock([&] { pthread_sigmask(SIG_SETMASK, &mReportMask, nullptr); });
     mRunning = true;
     try {
         mThread = std::thread(&AsyncSignalHandler::work, this);
@@ -106,6 +121,10 @@ void AsyncSignalHandler::stop() {
     }
     mWorkCond.notify_all();
     mDoneCond.notify_all();
+    if (mThread.get_id() == std::this_thread::get_id()) {
+        mThread.detach();  // a crash callback that calls exit() brings us here
+        return;
+    }
     mThread.join();
 }
 
@@ -178,7 +197,11 @@ void AsyncSignalHandler::work() {
         const Report report = found != mHandlers.end() ? found->second : Report();
         lock.unlock();
         if (report) {
+            // The commands of a report inherit the mask, and a debugger waits for its signals.
+            pthread_sigmask(SIG_SETMASK, &mReportMask, nullptr);
             report(info);
+            const sigset_t foreign = foreignSignals();
+            pthread_sigmask(SIG_BLOCK, &foreign, nullptr);
         }
         lock.lock();
         mBusy = false;

