@@ -2,7 +2,6 @@
 // since the keys are sums that other names may have, and one case removes what stands in its way.
 
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
 #include <sys/wait.h>
@@ -17,6 +16,7 @@
 
 #include "tests/support/HelperProcess.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/PrivateIpc.h"
 #include "tests/support/ShareAllocators.h"
 
 namespace {
@@ -27,15 +27,14 @@ using OrbelTest::LogCapture;
 using OrbelTest::ShareAllocators;
 using OrbelTest::takeAndGiveAtRandom;
 
-class ShareProcess : public ::testing::Test {
+class ShareProcess : public OrbelTest::PrivateIpcTest {
 protected:
     static constexpr BuddyConfig kConfig{8 << 20, 1024, 0};
 
-    static void SetUpTestSuite() { isolated = isolated || unshare(CLONE_NEWIPC) == 0; }
-
     void SetUp() override {
-        if (!isolated) {
-            GTEST_SKIP() << "needs the right to make an IPC namespace";
+        PrivateIpcTest::SetUp();
+        if (IsSkipped()) {
+            return;
         }
         mMetadata =
             shareMemGet(kMetadata, static_cast<int32_t>(ShareAllocators::metadataSize(kConfig)),
@@ -63,7 +62,6 @@ protected:
 
     static constexpr const char* kMetadata = "/share/test/a1";
     static constexpr const char* kData = "/share/test/a2";
-    static inline bool isolated = false;
 
     LogCapture mLog;
     void* mMetadata = nullptr;
