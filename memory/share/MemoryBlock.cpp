@@ -46,9 +46,10 @@ void learnPoolParam(const BlockDescription& description) {
     }
 }
 
-bool enoughRoom(const void* desc, int32_t len) {
+bool argumentsValid(const void* buffer, const void* desc, int32_t len) {
     // A negative length passes, as it stands.
-    if (desc == nullptr || (len >= 0 && static_cast<size_t>(len) < sizeof(BlockDescription))) {
+    if (buffer == nullptr || desc == nullptr ||
+        (len >= 0 && static_cast<size_t>(len) < sizeof(BlockDescription))) {
         ORBEL_LOG_ERROR("arg invalid.\n");
         return false;
     }
@@ -85,7 +86,7 @@ MemoryBlock* MemoryBlock::createMemoryBlock(int32_t size) {
 }
 
 bool MemoryBlock::getMemoryBlockDesc(void* buffer, void* desc, int32_t len) {
-    if (buffer == nullptr || !enoughRoom(desc, len)) {
+    if (!argumentsValid(buffer, desc, len)) {
         return false;
     }
     std::memset(desc, 0, len < 0 ? sizeof(BlockDescription) : static_cast<size_t>(len));
@@ -110,7 +111,7 @@ bool MemoryBlock::getMemoryBlockDesc(void* buffer, void* desc, int32_t len) {
 }
 
 bool MemoryBlock::checkMemoryBlockDesc(const void* desc, int32_t len) {
-    if (!enoughRoom(desc, len)) {
+    if (!argumentsValid(desc, desc, len)) {
         return false;
     }
     BlockDescription description{};

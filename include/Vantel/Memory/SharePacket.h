@@ -17,7 +17,7 @@ class Packet;
 ///               Packet description = convertDescribe(packet);  send its getBuffer(), size()
 ///     receiver: Packet packet = convertOriginal(Packet(bytes, size, freeFn));
 ///
-/// Format of a description: memory/share/ShareDescription.h.
+/// The bytes of a description: docs/formats.md, `ShareDescription`.
 ///
 /// Threads: initialPacket() once, before the rest; the conversions from any thread. A packet is
 /// filled by one thread before it is handed on.
