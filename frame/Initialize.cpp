@@ -41,7 +41,7 @@ struct LoadTime {
     }
 };
 
-__attribute__((init_priority(101))) [[maybe_unused]] const LoadTime loadTime;
+[[gnu::init_priority(101), maybe_unused]] const LoadTime loadTime;
 
 /// The value of `key`, null if it is missing.
 const Json::Value* find(const Json::Value& config, const char* key) {
