@@ -51,7 +51,7 @@ struct Lifetime {
 struct MadeAtLoad {
     MadeAtLoad() { makeCacheSingletons(); }
 };
-__attribute__((init_priority(102))) [[maybe_unused]] const MadeAtLoad madeAtLoad;
+[[gnu::init_priority(102), maybe_unused]] const MadeAtLoad madeAtLoad;
 
 }  // namespace
 
