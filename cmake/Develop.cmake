@@ -115,9 +115,26 @@ foreach(page IN LISTS guides ITEMS ${PROJECT_SOURCE_DIR}/README.md)
     endif()
 endforeach()
 
+# fuzz/*Fuzz.cpp: one target each. The fuzz preset links them with the fuzzer, for ./run fuzz; the
+# others with a main that tries what stands in fuzz/corpus/<target>, as a test.
+file(GLOB targets CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/fuzz/*Fuzz.cpp)
+foreach(source IN LISTS targets)
+    get_filename_component(name ${source} NAME_WE)
+    orbel_program(${source} fuzz orbel_static)
+    if(CMAKE_BUILD_TYPE STREQUAL Fuzz)
+        target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    else()
+        target_sources(${name} PRIVATE ${PROJECT_SOURCE_DIR}/fuzz/replay.cpp)
+        string(REGEX REPLACE "Fuzz$" "" corpus ${name})
+        string(TOLOWER ${corpus} corpus)
+        file(GLOB inputs CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/fuzz/corpus/${corpus}/*)
+        add_test(NAME ${name} COMMAND ${name} ${inputs})
+    endif()
+endforeach()
+
 # What is installed can be used from outside, and exports what the list says. The sanitizers'
 # builds add symbols of their own and are not installed.
-if(NOT CMAKE_BUILD_TYPE MATCHES "^(Asan|Tsan)$")
+if(NOT CMAKE_BUILD_TYPE MATCHES "^(Asan|Tsan|Fuzz)$")
     add_test(NAME install COMMAND ${PROJECT_SOURCE_DIR}/tests/install/install_test.sh ${PROJECT_BINARY_DIR})
     add_test(NAME package COMMAND ${PROJECT_SOURCE_DIR}/tests/install/package_test.sh ${PROJECT_BINARY_DIR})
     find_program(ORBEL_ABIDIFF abidiff)

@@ -24,7 +24,7 @@ ORBEL_API bool stringToJson(const std::string& text, Json::Value& value);
 ORBEL_API bool stringToJsonGroup(const char* text, int size, Json::Value& value);
 ORBEL_API bool stringToJsonGroup(const std::string& text, Json::Value& value);
 
-/// Indented, or in one line; either ends in a newline.
+/// Indented, or in one line; either ends in a newline. The name of a member is cut at a zero byte.
 ORBEL_API std::string jsonToString(const Json::Value& value, bool styled);
 
 /// `base` with the members of `overlay` put over it: objects merge member by member, everything
