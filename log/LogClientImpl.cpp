@@ -201,7 +201,7 @@ int LogClientImpl::Internal::printLine(int level, const char* format, va_list ar
     }
     LogCodec::buildLine(packet, static_cast<int>(size));
     auto* const line = reinterpret_cast<char*>(packet.data(LogCodec::kHeaderSize));
-    std::memcpy(line, head.data(), head.size());
+    head.copy(line, head.size());
     std::vsnprintf(line + head.size(), static_cast<size_t>(text) + 1, format, arguments);
     return session()->send(packet);
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "Vantel/Log/LogPacket.h"
 #include "ipc/PipeMessage.h"
 #include "ipc/RingLayout.h"
 #include "ipc/SegmentLayout.h"
@@ -18,6 +19,7 @@
 namespace {
 
 using namespace Vantel::Orbel;
+using namespace Vantel::Log;
 using namespace Vantel::Memory;
 
 struct Format {
@@ -102,6 +104,14 @@ const std::vector<Format> kFormats = {
     {HEADING(BlockDescription),
      {ROW(BlockDescription, magic), ROW(BlockDescription, type), ROW(BlockDescription, dataSize),
       ROW(BlockDescription, offset), ROW(BlockDescription, size)}},
+    {HEADING(LogPacketHeader),
+     {ROW(LogPacketHeader, magic), ROW(LogPacketHeader, cmd), ROW(LogPacketHeader, size),
+      ROW(LogPacketHeader, reserved)}},
+    {HEADING(LogRegistration),
+     {ROW(LogRegistration, moduleName), ROW(LogRegistration, processId),
+      ROW(LogRegistration, reserved)}},
+    {HEADING(LogSubscription), {ROW(LogSubscription, moduleName)}},
+    {HEADING(LogText), {ROW(LogText, text)}},
 };
 
 // The page's formats, in order: each heading of the third level with its rows up to the field.

@@ -1,14 +1,18 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "log/ISession.h"
 #include "log/LogClientImpl.h"
+#include "log/SessionMgr.h"
 #include "tests/log/RawLogServer.h"
+#include "tests/support/OpenDescriptors.h"
 #include "tests/support/WaitFor.h"
 
 using OrbelTest::RawLogServer;
@@ -18,7 +22,7 @@ using testing::internal::CaptureStdout;
 using testing::internal::GetCapturedStderr;
 using testing::internal::GetCapturedStdout;
 using Vantel::Log::LogClientImpl;
-using Vantel::Log::LogCommand;
+using Vantel::Log::SessionMgr;
 
 namespace {
 
@@ -248,6 +252,7 @@ TEST_F(LogClientTest, AfterAReturnTheServerGetsAllThatWaitedFromTheStartOfAPacke
     write(big);
     write("behind");
     EXPECT_EQ(mServer.read(1000), packet(1, big).substr(0, 1000));
+    const long descriptors = OrbelTest::openDescriptors();
     mServer.send(packet(1, padded("half", 100)).substr(0, 60));  // dies within its own packet, too
     ASSERT_TRUE(waitFor([&] { return mServer.sentAllIsRead(); }));
     mServer.die();
@@ -263,6 +268,7 @@ TEST_F(LogClientTest, AfterAReturnTheServerGetsAllThatWaitedFromTheStartOfAPacke
     mServer.send(packet(1, "new server"));
     EXPECT_TRUE(waitFor([&] { return received.count() == 1; }));
     EXPECT_EQ(received.all.front(), "0 new server");
+    EXPECT_EQ(OrbelTest::openDescriptors(), descriptors);
 }
 
 TEST_F(LogClientTest, OfAnOverfullQueueTheOldestAndTheLastSurvive) {
@@ -283,6 +289,53 @@ TEST_F(LogClientTest, OfAnOverfullQueueTheOldestAndTheLastSurvive) {
     expected += packet(1, "1029");
     EXPECT_EQ(mServer.read(expected.size()), expected);
     EXPECT_TRUE(mServer.silentFor(50));
+}
+
+/// One end of a socket whose other end is gone.
+class DeadSession : public Vantel::Log::ISession {
+public:
+    DeadSession() {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+        mFd.reset(ends[0]);
+        close(ends[1]);
+    }
+    void setTransport(std::shared_ptr<Vantel::Log::ITransportLayer>) override {}
+    std::shared_ptr<Vantel::Log::ITransportLayer> takeTransport() override { return nullptr; }
+    std::shared_ptr<Vantel::Log::ITransportLayer> getTransport() override { return nullptr; }
+    int fd() override { return mFd.get(); }
+    void setReconnect(std::function<int(int)>) override {}
+    void onReadable() override {
+        ++readable;
+        SessionMgr::instance().modify(mFd.get(), SessionMgr::kDead);
+    }
+    void onWritable() override {}
+    void onTimer() override {
+        readableAtTimer = readable.load();
+        ++ticks;
+        SessionMgr::instance().modify(mFd.get(), SessionMgr::kInput);
+    }
+
+    std::atomic<int> readable{0};
+    std::atomic<int> readableAtTimer{0};
+    std::atomic<int> ticks{0};
+
+private:
+    Vantel::Orbel::UniqueFd mFd;
+};
+
+TEST(SessionMgrTest, ADeadDescriptorWakesNobodyUntilItIsWatchedAgain) {
+    ASSERT_TRUE(SessionMgr::instance().init(Json::Value()));
+    const auto session = std::make_shared<DeadSession>();
+    ASSERT_TRUE(SessionMgr::instance().add(session, SessionMgr::kInput));
+    // Each tick watches it again: one event, and silence to the next tick.
+    ASSERT_TRUE(waitFor([&] { return session->ticks == 2; }));
+    EXPECT_EQ(session->readableAtTimer, 2);
+    EXPECT_TRUE(SessionMgr::instance().remove(session->fd()));
+    CaptureStdout();
+    EXPECT_FALSE(SessionMgr::instance().remove(session->fd()));
+    EXPECT_FALSE(SessionMgr::instance().modify(1000000, SessionMgr::kInput));
+    EXPECT_EQ(GetCapturedStdout(), "Error >>>>>>>>>>\nnot found fd = 1000000 session\n");
 }
 
 }  // namespace
