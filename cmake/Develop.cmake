@@ -41,6 +41,9 @@ foreach(source IN LISTS tests)
     add_dependencies(${name} helpers)
     add_test(NAME ${name} COMMAND ${name} --gtest_brief=1)
     set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+    if(name MATCHES "LongTest$")
+        set_tests_properties(${name} PROPERTIES LABELS long)  # a minute and more: ./run test long
+    endif()
 endforeach()
 
 target_compile_definitions(FormatsTest PRIVATE ORBEL_SOURCE_DIR="${PROJECT_SOURCE_DIR}")

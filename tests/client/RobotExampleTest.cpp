@@ -1,0 +1,5 @@
+#include "tests/client/RobotPair.h"
+
+TEST(RobotExample, TwoRobotsSeeEachOtherAndLeaveInGoodOrder) {
+    OrbelTest::RobotPair().run(3);
+}
