@@ -44,7 +44,7 @@ public:
     ///   socketPath  string, "/tmp/logServer.sock"
     ///   subscribe   array of objects with moduleName: whose lines the receiver gets
     ///   coredump    boolean, false: whether a crash makes the core file
-    ///               <logPath>/coredump/<moduleName>.core, in a directory that must exist
+    ///               "logPath"/coredump/module.core, in a directory that must exist
     ///   logPath     string, "/data/logger/log"
     ///   gdbPath     string, "/usr/bin/gdb"; must be allowed to attach to its parent process
     virtual bool init(const Json::Value& config) = 0;
