@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "frame/base/Log.h"
 #include "frame/base/Require.h"
@@ -103,8 +104,7 @@ NormalMemoryInternal* NormalMemoryInternal::createSlice(const Packet& parent, in
 }
 
 NormalMemoryInternal* NormalMemoryInternal::wrap(void* buffer, int32_t size,
-                                                 const int32_t* extraSize,
-                                                 const FreeFunction& freeFn) {
+                                                 const int32_t* extraSize, FreeFunction freeFn) {
     if (!possible(size, extraSize == nullptr ? 0 : *extraSize)) {
         return nullptr;
     }
@@ -112,18 +112,18 @@ NormalMemoryInternal* NormalMemoryInternal::wrap(void* buffer, int32_t size,
     void* extra = extraSize == nullptr ? nullptr : std::malloc(static_cast<size_t>(*extraSize));
     auto* block = new NormalMemoryInternal(kCallersBuffer, false, buffer, size, size, extra,
                                            extraSize == nullptr ? 0 : *extraSize);
-    block->mFreeFn = freeFn;
+    block->mFreeFn = std::move(freeFn);
     return block;
 }
 
-NormalMemoryInternal* NormalMemoryInternal::createDeferred(int32_t size, const FreeFunction& freeFn,
+NormalMemoryInternal* NormalMemoryInternal::createDeferred(int32_t size, FreeFunction freeFn,
                                                            void* context, int32_t extraSize) {
     if (!possible(size, extraSize)) {
         return nullptr;
     }
     void* extra = std::malloc(static_cast<size_t>(extraSize));
     auto* block = new NormalMemoryInternal(kPoolBlock, true, nullptr, size, size, extra, extraSize);
-    block->mDeferredFreeFn = freeFn;
+    block->mDeferredFreeFn = std::move(freeFn);
     block->mContext = context;
     return block;
 }

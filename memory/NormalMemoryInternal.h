@@ -29,10 +29,10 @@ public:
 
     /// Without extra data if `extraSize` is null.
     static NormalMemoryInternal* wrap(void* buffer, int32_t size, const int32_t* extraSize,
-                                      const FreeFunction& freeFn);
+                                      FreeFunction freeFn);
 
-    static NormalMemoryInternal* createDeferred(int32_t size, const FreeFunction& freeFn,
-                                                void* context, int32_t extraSize);
+    static NormalMemoryInternal* createDeferred(int32_t size, FreeFunction freeFn, void* context,
+                                                int32_t extraSize);
 
     void destroy() override;
     int putBuffer(void* data, int size) override;

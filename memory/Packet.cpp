@@ -1,6 +1,7 @@
 #include "Vantel/Memory/Packet.h"
 
 #include <climits>
+#include <utility>
 
 #include "Vantel/Orbel/ErrorState.h"
 #include "frame/base/Log.h"
@@ -41,19 +42,18 @@ MemoryInternal* newSlice(const Packet& other, int offset, int size, int extraSiz
 }
 
 MemoryInternal* newWrapping(void* buffer, int size, const int* extraSize,
-                            const Packet::FreeFunction& freeFn) {
+                            Packet::FreeFunction freeFn) {
     if (sharing() && freeFn == shareDescriptionMarker()) {
         return ShareMemoryInternal::fromDescription(buffer, size);  // extra data comes with it
     }
-    return NormalMemoryInternal::wrap(buffer, size, extraSize, freeFn);
+    return NormalMemoryInternal::wrap(buffer, size, extraSize, std::move(freeFn));
 }
 
-MemoryInternal* newDeferred(int size, const Packet::FreeFunction& freeFn, void* context,
-                            int extraSize) {
+MemoryInternal* newDeferred(int size, Packet::FreeFunction freeFn, void* context, int extraSize) {
     if (sharing()) {
         return ShareMemoryInternal::createBuffer(size, extraSize);
     }
-    return NormalMemoryInternal::createDeferred(size, freeFn, context, extraSize);
+    return NormalMemoryInternal::createDeferred(size, std::move(freeFn), context, extraSize);
 }
 
 }  // namespace
@@ -72,13 +72,13 @@ Packet::Packet(const Packet& other, int offset, int size, int extraSize)
     : mInternal(newSlice(other, offset, size, extraSize)) {}
 
 Packet::Packet(void* buffer, int size, FreeFunction freeFn)
-    : mInternal(newWrapping(buffer, size, nullptr, freeFn)) {}
+    : mInternal(newWrapping(buffer, size, nullptr, std::move(freeFn))) {}
 
 Packet::Packet(void* buffer, int size, int extraSize, FreeFunction freeFn)
-    : mInternal(newWrapping(buffer, size, &extraSize, freeFn)) {}
+    : mInternal(newWrapping(buffer, size, &extraSize, std::move(freeFn))) {}
 
 Packet::Packet(int size, FreeFunction freeFn, void* context, int extraSize)
-    : mInternal(newDeferred(size, freeFn, context, extraSize)) {}
+    : mInternal(newDeferred(size, std::move(freeFn), context, extraSize)) {}
 
 Packet::~Packet() {
     reset();
