@@ -3,11 +3,15 @@
 
 #include <sys/prctl.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "Vantel/Client/IClientManager.h"
 #include "Vantel/Orbel/CThread.h"
+#include "Vantel/Orbel/CThreadManager.h"
 #include "Vantel/Orbel/CTime.h"
 #include "Vantel/Orbel/CTimer.h"
 #include "Vantel/Orbel/CTimerManager.h"
@@ -39,9 +43,11 @@ int loop(IClientManager& client) {
     return client.started() ? 0 : 1;
 }
 
+std::atomic<bool> checked{false};
+
 void late(unsigned long) {
     CThread::setCurrentTimeout(1);
-    CThread::sleep(300);
+    OrbelTest::waitFor([] { return checked.load(); });
 }
 
 int watch(IClientManager& client) {
@@ -49,10 +55,11 @@ int watch(IClientManager& client) {
     CTimerManager::instance()->limitIdlePooled(2);
     CTimer timer("late one");
     timer.start(&late, 0, 0, 0, 0);
-    OrbelTest::waitFor([&] { return timer.isRunning(); });
-    CThread::sleep(50);
+    std::vector<std::string> lateOnes;
+    OrbelTest::waitFor([&] { return CThreadManager::instance()->getTimeoutThreadName(lateOnes); });
     client.checkProcessStatus();
     client.checkProcessStatus();  // neither is due again
+    checked = true;
     const uint64_t uptimeMs = CTime::getCurrentMilliSecond();
     const int lists = log.count("TimerManagerPool Thread count: ( 1 )");
     const int warnings = log.count("\n\nthreads running maybe block:\n");

@@ -16,6 +16,7 @@
 
 #include "Vantel/ILogger.h"
 #include "Vantel/Orbel/CTime.h"
+#include "tests/support/WithoutLogServer.h"
 
 using Vantel::ILogger;
 using Vantel::Orbel::CTime;
