@@ -22,8 +22,10 @@ bool holdsWorkingDirectory(const std::string& path) {
     std::error_code error;
     const auto directory = std::filesystem::weakly_canonical(path, error);
     const auto here = std::filesystem::current_path(error);
-    return std::mismatch(directory.begin(), directory.end(), here.begin(), here.end()).first ==
-           directory.end();
+    const auto differs =
+        std::mismatch(directory.begin(), directory.end(), here.begin(), here.end());
+    // The root by itself: there is no working directory any more if somebody has removed it.
+    return directory == directory.root_path() || differs.first == directory.end();
 }
 
 bool leadsOut(const std::string& name) {
