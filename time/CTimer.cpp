@@ -55,7 +55,7 @@ CTimer::CTimer(const char* name) : mInternal(new TimerInternal) {
 CTimer::~CTimer() {
     TimerInternal& timer = *mInternal;
     // Again, if the callback that is waited for starts the timer again.
-    for (bool busy = !manager().inForkedChild(); busy;) {
+    for (bool busy = !manager().lostThreads(); busy;) {
         if (!manager().isShutDown()) {
             stopAndWait();
         }

@@ -32,7 +32,7 @@ TimerManagerInternal* TimerManagerInternal::instance() {
     static auto* const manager = new TimerManagerInternal;  // never deleted
     static const struct AtExit {
         AtExit() {
-            pthread_atfork(nullptr, nullptr, [] { manager->mForked = manager->mShutDown = true; });
+            pthread_atfork(nullptr, nullptr, [] { manager->forked(); });
         }
         ~AtExit() { manager->shutDown(); }
     } atExit;
@@ -190,8 +190,15 @@ void TimerManagerInternal::endThreads(CTimerThread* first) {
     }
 }
 
+void TimerManagerInternal::forked() {
+    if (mRunning) {  // or nothing is lost: a process that becomes a daemon goes on with timers
+        mLostThreads = true;
+        mShutDown = true;
+    }
+}
+
 void TimerManagerInternal::shutDown() {
-    if (inForkedChild()) {
+    if (lostThreads()) {
         return;
     }
     bool running = false;

@@ -26,11 +26,12 @@ public:
 
     /// At the exit of the process: no timer fires any more.
     void shutDown();
-    /// True also in the child of a fork.
+    /// True also with lostThreads().
     bool isShutDown() const { return mShutDown; }
 
-    /// In the child of a fork no thread lives, and the mutex may be held for ever.
-    bool inForkedChild() const { return mForked; }
+    /// In the child of a fork, unless no timer was started before it: none of the threads lives
+    /// there, and the mutex may be held for ever.
+    bool lostThreads() const { return mLostThreads; }
 
     // The rest needs `mutex`, except where it says otherwise.
 
@@ -70,10 +71,11 @@ private:
     /// The threads behind the limit, out of the idle list.
     CTimerThread* cutOffIdle();
     void endThreads(CTimerThread* first);
+    void forked();
 
     bool mRunning = false;  // looping() also stays true when the start failed
     std::atomic<bool> mShutDown{false};
-    std::atomic<bool> mForked{false};
+    std::atomic<bool> mLostThreads{false};
 };
 
 }  // namespace Vantel::Orbel

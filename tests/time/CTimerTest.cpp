@@ -268,7 +268,7 @@ TEST(CTimerTest, AnyThreadMayDoAnythingAtAnyTime) {
 }
 
 TEST(CTimerTest, AProcessMayExitWithTimersAliveAndCallbacksUnderWay) {
-    for (const char* how : {"return", "callback", "fork"}) {
+    for (const char* how : {"return", "callback", "fork", "daemon"}) {
         OrbelTest::HelperProcess helper("TimerExitHelper", {how});
         EXPECT_TRUE(helper.waitForLine("leaving")) << how;
         EXPECT_EQ(helper.wait(), 0) << how;

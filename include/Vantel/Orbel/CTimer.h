@@ -16,7 +16,8 @@ class TimerInternal;
 /// falls due during a run is dropped. Exact timers live in an EventLoop.
 ///
 /// The callback may destroy its own timer. At the exit of the process all timers stop for good;
-/// callbacks under way are left alone. No timer fires in the child of a fork that does not exec.
+/// callbacks under way are left alone. In the child of a fork that does not exec timers
+/// fire only if the process had never started one.
 ///
 /// Threads: all methods from any thread and from callbacks.
 class ORBEL_API CTimer {
@@ -35,7 +36,7 @@ public:
     ///
     /// True; with a delay of 0 whether a thread took the callback: false if the last run still
     /// goes on, or no thread could be started. False, and nothing changes, for an empty `proc`
-    /// (with an error line), once the process exits, and in the child of a fork.
+    /// (with an error line), once the process exits, and in such a child of a fork.
     bool start(TDelegate<void, unsigned long> proc, uint32_t delayMs, uint32_t periodMs,
                unsigned long param, uint32_t timeoutMs);
 
