@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -9,10 +10,14 @@
 
 namespace OrbelTest {
 
-/// An empty directory of its own, removed with all it holds.
+/// An empty directory of its own, removed with all it holds. The child that a death test starts
+/// anew never comes to its end: it makes its own inside that of the test, which removes both.
 class TempDirectory {
 public:
-    TempDirectory() { std::filesystem::create_directory(mPath); }
+    TempDirectory() {
+        std::filesystem::create_directory(mPath);
+        setenv(kOfTheTest, mPath.c_str(), 1);
+    }
     TempDirectory(const TempDirectory&) = delete;
     TempDirectory& operator=(const TempDirectory&) = delete;
     ~TempDirectory() {
@@ -32,7 +37,15 @@ public:
     }
 
 private:
-    std::string mPath = "/tmp/" + uniqueName("orbelFiles");
+    static constexpr const char* kOfTheTest = "ORBEL_TEST_DIRECTORY";
+
+    static std::string parent() {
+        const char* ofTheTest = std::getenv(kOfTheTest);
+        return ofTheTest != nullptr && std::filesystem::is_directory(ofTheTest) ? ofTheTest
+                                                                                : "/tmp";
+    }
+
+    std::string mPath = parent() + "/" + uniqueName("orbelFiles");
 };
 
 /// "<cannot open>" for a file that is not there.
