@@ -18,8 +18,7 @@ namespace Vantel {
 /// file name, the line and the thread id; two sites with the same bits share a record.
 ///
 /// Threads: all methods, from any thread at once, under one lock. A question costs a hash over the
-/// file name, the lock and a lookup; it allocates only the record. The limiter is destroyed when
-/// the process exits: threads that still log then must not ask.
+/// file name, the lock and a lookup; it allocates only the record. The limiter is never destroyed.
 class ORBEL_API LoggerLimit {
 public:
     static LoggerLimit& instance();
