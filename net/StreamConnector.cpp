@@ -45,8 +45,8 @@ bool isUnderWay(int error, const InetAddress& addr) {
 }  // namespace
 
 /// Loop thread only, but for the atomics and for the address under its mutex. Callbacks from the
-/// loop refer to this object weakly or know the number of their attempt, and each of them holds it
-/// while it runs, since the owner may stop or destroy the connector from inside.
+/// loop refer to this object weakly, know the number of their attempt where that may be over, and
+/// hold the object while they run, since the owner may stop or destroy the connector from inside.
 class StreamConnector::Internal : public std::enable_shared_from_this<Internal> {
 public:
     Internal(EventLoop* loop, const std::string& name) : mLoop(loop), mName(name) {}
@@ -156,7 +156,11 @@ bool StreamConnector::Internal::setUp(StreamSocket& socket) {
 bool StreamConnector::Internal::wait() {
     const uint64_t attempt = mAttempt;
     mChannel = std::make_shared<Channel>(mLoop, mSocket->fd());
-    const auto handle = [this, attempt] { handleEvent(attempt); };
+    const auto handle = [weak = weak_from_this(), attempt] {
+        if (const auto self = weak.lock()) {  // one dispatch may call twice, the first be the end
+            self->handleEvent(attempt);
+        }
+    };
     mChannel->setWriteCallback(handle);
     mChannel->setErrorCallback(handle);
     mChannel->setCloseCallback(handle);
@@ -187,7 +191,6 @@ void StreamConnector::Internal::handleEvent(uint64_t attempt) {
     if (attempt != mAttempt) {
         return;  // one dispatch reports error and writability; the first ended the attempt
     }
-    const auto self = shared_from_this();
     if (mState != kConnecting || !mSocket) {
         cleanUpChannel(true);
         return;
