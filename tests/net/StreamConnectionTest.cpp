@@ -195,18 +195,6 @@ TEST_F(StreamConnectionTest, APeerThatResetsInTheMiddleOfAMessage) {
     EXPECT_EQ(connection->send("x", 1), -1);
 }
 
-TEST_F(StreamConnectionTest, APeerThatHalfClosesEndsTheConnection) {
-    auto connection = establish();
-    const std::string message = pattern(2 << 20);
-    ASSERT_EQ(connection->send(message), static_cast<ssize_t>(message.size()));
-    far.send("request", 7, 0);
-    far.shutdownWrite();
-    ASSERT_TRUE(runUntil([&] { return closes == 1; }));
-    EXPECT_EQ(events, "connected message:7 close ");
-    connection->connectDestroyed();
-    EXPECT_EQ(message.compare(0, receiveFar().size(), receiveFar()), 0);
-}
-
 TEST_F(StreamConnectionTest, InterestAndShutdownFromAnotherThread) {
     auto connection = establish();
     std::thread other([&] {
