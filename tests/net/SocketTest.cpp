@@ -275,56 +275,38 @@ TEST(SocketTest, MovedFromAndClosedSocketsRefuseEverything) {
     EXPECT_TRUE(log.has("]create socket failed: "));
 }
 
-TEST(SocketTest, Options) {
+TEST(SocketTest, OptionsReachTheKernelUnderTheirNames) {
     TcpSocket socket;
-    const auto get = [&socket](int level, int name) {
-        int value = -1;
-        unsigned length = sizeof value;
-        return socket.getSocketOption(level, name, &value, &length) ? value : -1;
+    const struct {
+        bool set;
+        int level, name, value;
+    } cases[] = {
+        {socket.setReuseAddr(true), SOL_SOCKET, SO_REUSEADDR, 1},
+        {socket.setReusePort(true), SOL_SOCKET, SO_REUSEPORT, 1},
+        {socket.setKeepAlive(true), SOL_SOCKET, SO_KEEPALIVE, 1},
+        {socket.setTcpNoDelay(true), IPPROTO_TCP, TCP_NODELAY, 1},
+        {socket.setKeepIdle(7), IPPROTO_TCP, TCP_KEEPIDLE, 7},
+        {socket.setKeepInterval(8), IPPROTO_TCP, TCP_KEEPINTVL, 8},
+        {socket.setKeepCount(9), IPPROTO_TCP, TCP_KEEPCNT, 9},
+        {socket.setRecvBufSize(50000), SOL_SOCKET, SO_RCVBUF, 100000},
+        {socket.setSendBufSize(60000), SOL_SOCKET, SO_SNDBUF, 120000},
+        {socket.setRecvTimeout(3000), SOL_SOCKET, SO_RCVTIMEO, 3},  // the seconds of a timeval
+        {socket.setSendTimeout(4000), SOL_SOCKET, SO_SNDTIMEO, 4},
     };
-    EXPECT_TRUE(socket.setReuseAddr(true) && socket.setReusePort(true));
-    EXPECT_TRUE(socket.setKeepAlive(true) && socket.setTcpNoDelay(true));
-    EXPECT_TRUE(socket.setKeepIdle(7) && socket.setKeepInterval(8) && socket.setKeepCount(9));
-    EXPECT_EQ(get(SOL_SOCKET, SO_REUSEADDR), 1);
-    EXPECT_EQ(get(SOL_SOCKET, SO_REUSEPORT), 1);
-    EXPECT_EQ(get(SOL_SOCKET, SO_KEEPALIVE), 1);
-    EXPECT_EQ(get(IPPROTO_TCP, TCP_NODELAY), 1);
-    EXPECT_EQ(get(IPPROTO_TCP, TCP_KEEPIDLE), 7);
-    EXPECT_EQ(get(IPPROTO_TCP, TCP_KEEPINTVL), 8);
-    EXPECT_EQ(get(IPPROTO_TCP, TCP_KEEPCNT), 9);
-    EXPECT_TRUE(socket.setRecvBufSize(50000) && socket.setSendBufSize(60000));
-    EXPECT_EQ(socket.getRecvBufSize(), 100000);
-    EXPECT_EQ(socket.getSendBufSize(), 120000);
-    timeval value{};
-    unsigned length = sizeof value;
-    EXPECT_TRUE(socket.setRecvTimeout(1250));
-    EXPECT_TRUE(socket.getSocketOption(SOL_SOCKET, SO_RCVTIMEO, &value, &length));
-    EXPECT_EQ(value.tv_sec, 1);
-    EXPECT_NEAR(static_cast<double>(value.tv_usec), 250000, 10000);
+    for (const auto& c : cases) {
+        int value[4] = {-1};
+        unsigned length = sizeof value;
+        EXPECT_TRUE(c.set && socket.getSocketOption(c.level, c.name, value, &length)) << c.name;
+        EXPECT_EQ(value[0], c.value) << c.name;
+    }
     EXPECT_FALSE(socket.setSendTimeout(-1));
     EXPECT_EQ(errno, EINVAL);
-    EXPECT_TRUE(socket.setNonBlocking(false));
-    EXPECT_FALSE(socket.isNonBlocking());
 }
 
-TEST(SocketTest, Datagrams) {
-    UdpSocket server, client;
-    ASSERT_TRUE(server.bind(InetAddress::createLoopback4(0)));
-    EXPECT_EQ(client.sendTo("ping", 4, server.getLocalAddress(), 0), 4);
-    char buffer[8] = {};
-    InetAddress peer;
-    ASSERT_TRUE(server.waitReadable(5000, nullptr));
-    EXPECT_EQ(server.recvFrom(buffer, sizeof buffer, &peer, 0), 4);
-    ASSERT_TRUE(server.connect(peer));
-    EXPECT_EQ(server.send("pong!", 5, 0), 5);
-    ASSERT_TRUE(client.waitReadable(5000, nullptr));
-    EXPECT_EQ(client.recv(buffer, sizeof buffer, 0), 5);
-    EXPECT_STREQ(buffer, "pong!");
-
+TEST(SocketTest, AUnixDatagramSocketReplacesTheFileOfADeadOne) {
     const InetAddress path("/tmp/" + OrbelTest::uniqueName("datagram"));
     DatagramSocket(AF_UNIX, true).bind(path);
-    DatagramSocket again(AF_UNIX, true);
-    EXPECT_TRUE(again.bind(path)) << "the file of a dead one is replaced";
+    EXPECT_TRUE(DatagramSocket(AF_UNIX, true).bind(path));
     InetAddress::removeUnixSocketFile(path.getUnixPath());
 }
 
@@ -343,7 +325,6 @@ TEST(SocketTest, Multicast) {
     const InetAddress group(0, "239.1.2.3"), loopback = InetAddress::createLoopback4(0);
     EXPECT_TRUE(socket.joinMulticastGroup(group, &loopback));
     EXPECT_TRUE(socket.leaveMulticastGroup(group, &loopback));
-    EXPECT_FALSE(socket.leaveMulticastGroup(group, &loopback)) << "left already";
     EXPECT_FALSE(socket.joinMulticastGroup(InetAddress("/tmp/x"), nullptr));
     EXPECT_EQ(errno, EINVAL);
     EXPECT_FALSE(socket.joinMulticastGroup(InetAddress(), nullptr));

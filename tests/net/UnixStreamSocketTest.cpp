@@ -153,16 +153,6 @@ TEST_F(UnixStreamSocketTest, Credentials) {
     EXPECT_TRUE(UnixStreamSocket(-1).setPassCred(true)) << "whatever the outcome";
 }
 
-TEST_F(UnixStreamSocketTest, BindReplacesAStaleSocketFile) {
-    const InetAddress addr("/tmp/" + OrbelTest::uniqueName("stale"));
-    ASSERT_TRUE(UnixStreamSocket().bind(addr));
-    UnixStreamSocket server;
-    EXPECT_TRUE(server.bind(addr) && server.listen(1));
-    UnixStreamSocket client;
-    EXPECT_TRUE(client.connect(addr, 0));
-    InetAddress::removeUnixSocketFile(addr.getUnixPath());
-}
-
 /// What the kernel never builds, but a caller's buffer may hold.
 TEST(ControlMessageTest, LengthsBeyondTheBufferAreNotBelieved) {
     DescriptorControl<4> control{};
