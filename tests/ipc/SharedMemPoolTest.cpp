@@ -16,7 +16,6 @@
 #include "Vantel/Orbel/CTime.h"
 #include "frame/base/NamedSegment.h"
 #include "ipc/SharedMemory.h"
-#include "tests/support/HelperProcess.h"
 #include "tests/support/IpcCleanup.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/WaitFor.h"
@@ -393,37 +392,6 @@ TEST_F(SharedMemPoolTest, OfManyReleasesOfOneIncarnationOneMovesIt) {
         ASSERT_EQ(released, 2) << "both may say that it is free";
         ASSERT_EQ(block->status.stateWord().sequence, sequence + 1);
     }
-}
-
-TEST_F(SharedMemPoolTest, ProcessesNeverShareABlock) {
-    constexpr unsigned int kBlocks = 3;
-    const auto pool = attached(kBlocks);
-    {
-        OrbelTest::HelperProcess holder("PoolHelper", {"hold", mName, std::to_string(kBlocks)});
-        std::string index;
-        ASSERT_TRUE(holder.readLine(index));
-        EXPECT_EQ(index, "0");
-        OrbelTest::HelperProcess churners[] = {
-            OrbelTest::HelperProcess("PoolHelper",
-                                     {"churn", mName, std::to_string(kBlocks), "20000"}),
-            OrbelTest::HelperProcess("PoolHelper",
-                                     {"churn", mName, std::to_string(kBlocks), "20000"}),
-        };
-        for (OrbelTest::HelperProcess& churner : churners) {
-            EXPECT_EQ(churner.wait(), 0);
-        }
-        holder.killAndReap();
-    }
-    const StateWord held = pool->getBlockHeader(0)->status.stateWord();
-    EXPECT_EQ(held.pack(), (StateWord{BlockState::Writing, 3, 9, 2}.pack()))
-        << "a dead process keeps its block until a clean-up";
-    uint64_t changes = 0;
-    for (unsigned int i = 1; i < kBlocks; ++i) {
-        const StateWord word = pool->getBlockHeader(i)->status.stateWord();
-        EXPECT_EQ(word.state, BlockState::Free);
-        changes += word.sequence - 1;
-    }
-    EXPECT_EQ(changes, 2u * 40000);
 }
 
 TEST_F(SharedMemPoolTest, TheInFlightHoldIsTakenOnceAndOnlyForItsSequence) {
