@@ -266,12 +266,4 @@ TEST(CReadWriteMutexTest, PriorityDecidesWhoGoesFirst) {
     EXPECT_TRUE(readerPassesWaitingWriter(static_cast<RW_PRIORITY>(7))) << "counts as the default";
 }
 
-TEST(CReadWriteMutexTest, WriterThatEntersTwiceIsRefused) {
-    CReadWriteMutex lock;
-    ASSERT_TRUE(lock.enterWriting());
-    EXPECT_FALSE(lock.enterWriting());
-    EXPECT_FALSE(lock.enterReading());
-    EXPECT_TRUE(lock.leave());
-}
-
 }  // namespace

@@ -402,8 +402,9 @@ TEST_F(ThreadTest, IdIsRightInAForkedChild) {
 TEST_F(ThreadTest, LockWarnings) {
     CReadWriteMutex lock(static_cast<RW_PRIORITY>(7));
     EXPECT_TRUE(mLog.has("Input rwpriority level error, priorityDefault used!"));
-    lock.enterWriting();
-    lock.enterWriting();
+    EXPECT_TRUE(lock.enterWriting());
+    EXPECT_FALSE(lock.enterWriting());
+    EXPECT_FALSE(lock.enterReading());
     EXPECT_TRUE(mLog.has("pthread_rwlock_wrlock called failed for :Resource deadlock avoided"));
     lock.leave();
 }
