@@ -9,7 +9,6 @@
 #include <memory>
 
 #include "Vantel/Orbel/File.h"
-#include "Vantel/Orbel/LfsFile.h"
 #include "file/FileDefaultOpt.h"
 #include "file/MountTable.h"
 #include "tests/file/ScriptedFileSystem.h"
@@ -87,22 +86,14 @@ TEST(FilePathsTest, OperationsGoToTheMountAndRefuseEmptyPaths) {
         const char* asked;
     } cases[] = {
         {[](const char* p) { return File::rename(p, "/y"); }, "rename"},
-        {[](const char* p) { return LfsFile::rename(p, "/y"); }, "rename"},
         {[](const char* p) { return File::remove(p); }, "remove"},
-        {[](const char* p) { return LfsFile::remove(p); }, "remove"},
         {[](const char* p) { return File::makeDirectory(p); }, "mkdir"},
-        {[](const char* p) { return LfsFile::makeDirectory(p); }, "mkdir"},
         {[](const char* p) { return File::removeDirectory(p); }, "rmdir"},
-        {[](const char* p) { return LfsFile::removeDirectory(p); }, "rmdir"},
         {[](const char* p) { return File::access(p, 4); }, "access 4"},
-        {[](const char* p) { return LfsFile::access(p, 2); }, "access 2"},
         {[](const char* p) { return File::exist(p); }, "access 0"},
         {[&](const char* p) { return File::stat(p, info); }, "stat"},
-        {[&](const char* p) { return LfsFile::stat(p, info); }, "stat"},
         {[](const char* p) { return File::empty(p); }, "stat"},
         {[&](const char* p) { return File::statFS(p, avail, total, free) && avail == 42; },
-         "statfs"},
-        {[&](const char* p) { return LfsFile::statFS(p, avail, total, free) && avail == 42; },
          "statfs"},
     };
     ScriptedFileSystem table("/scripted/");
