@@ -12,6 +12,7 @@
 
 #include "Vantel/Orbel/EventLoop.h"
 #include "frame/base/UniqueFd.h"
+#include "tests/support/LogCapture.h"
 
 using namespace Vantel::Orbel;
 
@@ -108,10 +109,14 @@ TEST_F(ChannelTest, MaskAndRegistrationGoTogether) {
 }
 
 TEST_F(ChannelTest, ARefusedChangeLeavesTheMaskAsItWas) {
+    const OrbelTest::LogCapture log;
     const std::unique_ptr<FILE, int (*)(FILE*)> file(tmpfile(), fclose);  // epoll takes no files
     Channel channel(&mLoop, fileno(file.get()));
     EXPECT_FALSE(channel.enableReading());
     EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(log.count("]epoll_ctl op = ADD fd = " + std::to_string(channel.fd()) +
+                        " error: Operation not permitted\n"),
+              1);
     EXPECT_FALSE(channel.isReading());
     EXPECT_FALSE(channel.isAddedToLoop());
     EXPECT_EQ(channel.state(), -1);

@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <thread>
 #include <vector>
 
 #include "Vantel/ILogger.h"
 #include "Vantel/Orbel/EventLoop.h"
+#include "tests/support/LogCapture.h"
 
 using namespace Vantel::Orbel;
 
@@ -63,13 +65,27 @@ TEST(EventFdTest, TheLoopHandsTheValueToTheCallback) {
     uint64_t got = 0;
     eventFd.setReadCallback([&got](uint64_t value) { got = value; });
     eventFd.enableReading();
-    EXPECT_TRUE(eventFd.isReadable());
     loop.loop();
     EXPECT_EQ(got, 5u);
-    eventFd.enableAll();
-    EXPECT_TRUE(eventFd.isWritable());
     eventFd.disableAll();
-    EXPECT_FALSE(eventFd.isReadable());
+}
+
+TEST(EventFdTest, RefusalsOfTheSystemAreToldAndNothingToReadIsNone) {
+    const OrbelTest::LogCapture log;
+    EventLoop loop;
+    EventFd eventFd(&loop, kEventFdCounter);
+    EXPECT_EQ(eventFd.read(), 0u);
+    EXPECT_EQ(log.count("EventFd::"), 0);
+    const int kept = dup(eventFd.fd());
+    close(eventFd.fd());
+    EXPECT_FALSE(eventFd.notify());
+    EXPECT_EQ(eventFd.read(), 0u);
+    uint64_t value = 0;
+    EXPECT_FALSE(eventFd.tryRead(value));
+    ASSERT_EQ(dup2(kept, eventFd.fd()), eventFd.fd());
+    close(kept);
+    EXPECT_EQ(log.count("]EventFd::write() failed: Bad file descriptor\n"), 1);
+    EXPECT_EQ(log.count("]EventFd::read() failed: Bad file descriptor\n"), 1);
 }
 
 TEST(EventFdTest, WithoutADescriptorEveryOperationFails) {

@@ -14,6 +14,7 @@
 #include "Vantel/Orbel/Channel.h"
 #include "frame/base/ScopeExit.h"
 #include "frame/base/UniqueFd.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/WaitFor.h"
 
 using namespace Vantel::Orbel;
@@ -104,7 +105,8 @@ TEST(EventLoopTest, AChainOfTasksDoesNotWaitForThePollCap) {
     EXPECT_LT(nowMs() - begin, 10000) << "twenty waits of up to a second each";
 }
 
-TEST(EventLoopTest, WhatATaskThrowsIsNotCountedAsExecuted) {
+TEST(EventLoopTest, WhatATaskThrowsIsToldAndNotCountedAsExecuted) {
+    const OrbelTest::LogCapture log;
     EventLoop loop;
     int ran = 0;
     loop.queueInLoop([] { throw std::runtime_error("told"); });
@@ -113,6 +115,8 @@ TEST(EventLoopTest, WhatATaskThrowsIsNotCountedAsExecuted) {
     loop.queueInLoop([&ran] { ++ran; });
     turnOnce(loop);
     EXPECT_EQ(ran, 1);
+    EXPECT_EQ(log.count("]Exception in EventLoop task: told\n"), 1);
+    EXPECT_EQ(log.count("]Unknown exception in EventLoop task\n"), 1);
     EXPECT_EQ(loop.getTotalTasksQueued(), 5u);
     EXPECT_EQ(loop.getTotalTasksExecuted(), 2u);
     loop.resetTaskStatistics();

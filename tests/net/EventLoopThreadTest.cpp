@@ -15,6 +15,8 @@
 
 #include "Vantel/Orbel/EventLoop.h"
 #include "Vantel/Orbel/EventLoopGroup.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/OpenDescriptors.h"
 #include "tests/support/WaitFor.h"
 
 using namespace Vantel::Orbel;
@@ -37,18 +39,8 @@ std::multiset<std::string> threadNames() {
     return names;
 }
 
-size_t openDescriptors() {
-    size_t count = 0;
-    DIR* const directory = opendir("/proc/self/fd");
-    while (readdir(directory) != nullptr) {
-        ++count;
-    }
-    closedir(directory);
-    return count;
-}
-
 TEST(EventLoopThreadTest, StopFindsTheLoopAtEveryMomentOfItsStart) {
-    const size_t before = openDescriptors();
+    const long before = OrbelTest::openDescriptors();
     EventLoopThread thread({}, "tight");
     for (int i = 0; i < 100; ++i) {
         EventLoop* const loop = thread.startLoop();
@@ -60,7 +52,7 @@ TEST(EventLoopThreadTest, StopFindsTheLoopAtEveryMomentOfItsStart) {
         ASSERT_FALSE(thread.isRunning());
         ASSERT_EQ(thread.getLoop(), nullptr);
     }
-    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(OrbelTest::openDescriptors(), before);
 }
 
 TEST(EventLoopThreadTest, ALoopThatEndsByItselfCanBeStoppedAndStartedAnew) {
@@ -78,6 +70,7 @@ TEST(EventLoopThreadTest, ALoopThatEndsByItselfCanBeStoppedAndStartedAnew) {
 }
 
 TEST(EventLoopThreadTest, TheInitCallbackRunsInTheThreadAndMayThrow) {
+    const OrbelTest::LogCapture log;
     std::atomic<bool> inThread{false};
     EventLoopThread good([&](EventLoop* loop) { inThread = loop->isInLoopThread(); }, "good");
     EventLoopThread bad([](EventLoop*) { throw std::runtime_error("told"); }, "bad");
@@ -89,9 +82,12 @@ TEST(EventLoopThreadTest, TheInitCallbackRunsInTheThreadAndMayThrow) {
     }
     EXPECT_TRUE(inThread);
     EXPECT_EQ(threadNames().count("worse"), 1u);
+    EXPECT_EQ(log.count("] EventLoopThread[bad] started in thread "), 1);
+    EXPECT_EQ(log.count("]EventLoopThread[bad] init callback exception: told\n"), 1);
 }
 
 TEST(EventLoopThreadTest, StopFromItsOwnLoopEndsTheThreadWithoutWaiting) {
+    const OrbelTest::LogCapture log;
     EventLoopThread thread({}, "own");
     std::atomic<bool> stillRunning{false};
     thread.startLoop()->runInLoop([&] {
@@ -100,6 +96,10 @@ TEST(EventLoopThreadTest, StopFromItsOwnLoopEndsTheThreadWithoutWaiting) {
     });
     EXPECT_TRUE(waitFor([&] { return !thread.isRunning(); }));
     EXPECT_TRUE(stillRunning);
+    EXPECT_EQ(log.count("] EventLoopThread[own] stop called from its own loop thread; quit "
+                        "requested only\n"),
+              1);
+    EXPECT_EQ(log.count("] EventLoopThread[own] stopped\n"), 1);
     EXPECT_NE(thread.startLoop(), nullptr);
 }
 
@@ -128,32 +128,14 @@ TEST(EventLoopThreadTest, AThreadThatCannotStartGivesNullEachTime) {
 TEST(EventLoopThreadDeathTest, SetUpOnlyWhileNotRunning) {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EventLoopThread thread({}, "running");
-    EXPECT_DEATH(
-        {
-            thread.startLoop();
-            thread.startLoop();
-        },
-        "!mInternal->mRunning.load\\(\\)");
-    EXPECT_DEATH(
-        {
-            thread.startLoop();
-            thread.setSchedulePolicy(false, 64, -1);
-        },
-        "!mInternal->mRunning.load\\(\\)");
+    const auto running = [&thread] { return thread.startLoop(), &thread; };
+    EXPECT_DEATH(running()->startLoop(), "!mInternal->mRunning.load\\(\\)");
+    EXPECT_DEATH(running()->setSchedulePolicy(false, 64, -1), "!mInternal->mRunning.load\\(\\)");
     EventLoop loop;
     EventLoopGroup group(&loop, "started");
-    EXPECT_DEATH(
-        {
-            group.start();
-            group.setThreadNum(1);
-        },
-        "!mInternal->mStarted");
-    EXPECT_DEATH(
-        {
-            group.start();
-            group.setThreadInitCallback({});
-        },
-        "!mInternal->mStarted");
+    const auto started = [&group] { return group.start(), &group; };
+    EXPECT_DEATH(started()->setThreadNum(1), "!mInternal->mStarted");
+    EXPECT_DEATH(started()->setThreadInitCallback({}), "!mInternal->mStarted");
 }
 
 TEST(EventLoopGroupTest, WithoutThreadsTheBaseLoopIsTheOnlyOne) {
