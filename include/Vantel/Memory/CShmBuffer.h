@@ -83,7 +83,7 @@ public:
     void setOverwrite(bool overwrite);
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
     std::unique_ptr<Internal> mInternal;
 };
 

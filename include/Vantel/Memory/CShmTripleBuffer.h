@@ -60,7 +60,7 @@ public:
     unsigned long latestSeq() const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
     std::unique_ptr<Internal> mInternal;
 };
 

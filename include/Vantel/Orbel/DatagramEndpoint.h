@@ -102,7 +102,7 @@ public:
     InetAddress localAddr() const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
     template <class Facade>
     friend class UdpFacade;
 

@@ -140,7 +140,7 @@ public:
     static void syncFile();
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     Internal* mInternal;
 };

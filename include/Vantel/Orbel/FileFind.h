@@ -42,7 +42,7 @@ public:
     virtual bool isNormal();
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     Internal* mInternal;
 };

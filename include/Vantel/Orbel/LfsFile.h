@@ -59,7 +59,7 @@ public:
     static bool stat(const char* path, FileInfo& info);
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     Internal* mInternal;
 };

@@ -44,7 +44,7 @@ public:
     int getReadableSize();
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
     std::unique_ptr<Internal> mInternal;
 };
 

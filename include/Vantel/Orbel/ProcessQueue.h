@@ -32,7 +32,7 @@ public:
     int recv(int type, char* data, int size, int timeoutUs);
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
     std::unique_ptr<Internal> mInternal;
 };
 

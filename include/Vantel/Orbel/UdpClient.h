@@ -67,7 +67,7 @@ public:
     bool started() const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     bool open(const InetAddress& server, const InetAddress* local);
 

@@ -59,7 +59,7 @@ public:
     bool started() const;
 
 private:
-    class Internal;
+    class ORBEL_LOCAL Internal;
 
     std::shared_ptr<Internal> mInternal;  // the callbacks of the endpoint refer to it weakly
 };
