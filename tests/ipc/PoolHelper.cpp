@@ -1,7 +1,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "ipc/SharedMemPool.h"
 #include "ipc/SharedMemory.h"

@@ -9,11 +9,9 @@
 #include <algorithm>
 #include <vector>
 
-#include "Vantel/Orbel/InetAddress.h"
 #include "frame/base/UniqueFd.h"
 #include "net/ControlMessage.h"
 #include "tests/support/OpenDescriptors.h"
-#include "tests/support/TestName.h"
 
 using namespace Vantel::Orbel;
 

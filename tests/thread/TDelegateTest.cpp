@@ -5,7 +5,6 @@
 #include <array>
 #include <cstring>
 #include <memory>
-#include <string>
 
 #include "Vantel/Orbel/TSignal.h"
 
