@@ -73,7 +73,7 @@ TEST_P(AcceptorTest, HandsOutEachConnectionAndWithoutCallbackClosesIt) {
 
 TEST_P(AcceptorTest, RefusedAddressLeavesNoListener) {
     EventLoop loop;
-    const size_t before = openDescriptors();
+    const long before = openDescriptors();
     {
         Acceptor acceptor(&loop);
         EXPECT_FALSE(acceptor.listen()) << "never bound";
@@ -110,7 +110,7 @@ TEST_P(AcceptorTest, MayBeDestroyedInItsOwnCallback) {
 }
 
 TEST_P(AcceptorTest, DestroyedBesideALoopThatDoesNotRunClosesWithTheLoop) {
-    const size_t before = openDescriptors();
+    const long before = openDescriptors();
     {
         EventLoop loop;
         auto acceptor = makeListening(&loop);

@@ -225,7 +225,7 @@ TEST(DatagramEndpointTest, StopInACallbackEndsTheDrainAndANewSocketBeginsAnew) {
 }
 
 TEST(DatagramEndpointTest, MayBeDestroyedByItsCallbacks) {
-    const size_t before = OrbelTest::openDescriptors();
+    const long before = OrbelTest::openDescriptors();
     {
         EventLoop loop;
         auto server = std::make_unique<UdpServer>(&loop, "server");
@@ -345,7 +345,7 @@ TEST(DatagramEndpointTest, RefusesWhatDoesNotFit) {
 /// What another thread does while the loop stands still: send fails, stop waits, and an endpoint
 /// that is destroyed stays in the loop, unheard, until the loop runs again.
 TEST(DatagramEndpointTest, OtherThreadsAndALoopThatStandsStill) {
-    const size_t before = OrbelTest::openDescriptors();
+    const long before = OrbelTest::openDescriptors();
     {
         Bound bound;
         ASSERT_TRUE(bound.endpoint->start());

@@ -176,7 +176,7 @@ TEST_P(StreamClientTest, StopDropsTheConnectionSilentlyAndForGood) {
 
 /// Each callback stops, disconnects or destroys its own client while a retry would be due.
 TEST_P(StreamClientTest, EndFromEachCallback) {
-    const size_t before = openDescriptors();
+    const long before = openDescriptors();
     for (const std::string place : {"setup", "connection", "message", "close"}) {
         for (const std::string way : {"disconnect", "stop", "destroy"}) {
             SCOPED_TRACE(place + ", " + way);
@@ -249,7 +249,7 @@ INSTANTIATE_TEST_SUITE_P(Families, StreamClientTest, testing::Values(Family::Tcp
 /// nothing; destruction leaves the connection to its loop.
 TEST(StreamClientLoopTest, CallsBesideALoopThatDoesNotRun) {
     LogCapture log;
-    const size_t before = openDescriptors();
+    const long before = openDescriptors();
     {
         PeerListener listener(freshAddress(Family::Tcp));
         EventLoop loop;

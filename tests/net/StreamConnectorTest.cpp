@@ -171,7 +171,7 @@ TEST_P(StreamConnectorTest, SetupCallbackPreparesRefusesOrStops) {
     EXPECT_EQ(start(listener.addr(), 500), 0);
     EXPECT_TRUE(waitFor([&] { return mConnected == 1; }));
 
-    const size_t before = openDescriptors();
+    const long before = openDescriptors();
     allow = false;
     EXPECT_EQ(start(listener.addr(), 500), EPERM);
     EXPECT_EQ(mLog.count("]StreamConnector::connect socket setup failed for " +
@@ -211,7 +211,7 @@ INSTANTIATE_TEST_SUITE_P(Families, StreamConnectorTest, testing::Values(Family::
 
 TEST(StreamConnectorStopTest, BesideALoopThatDoesNotRunItIsIgnoredAndDestructionWaits) {
     LogCapture log;
-    const size_t before = openDescriptors();
+    const long before = openDescriptors();
     {
         FullListener full(Family::Tcp);
         EventLoop loop;

@@ -130,7 +130,7 @@ TEST_P(StreamServerTest, RefusesWhatItIsNotMadeForAndWrongOrders) {
 TEST_P(StreamServerTest, StopDropsConnectionsWithoutCloseCallback) {
     start();
     mServer->stop();
-    const size_t before = openDescriptors();
+    const long before = openDescriptors();
     for (const bool inLoop : {false, true}) {
         SCOPED_TRACE(inLoop);
         start();
@@ -162,7 +162,7 @@ TEST_P(StreamServerTest, StopDropsConnectionsWithoutCloseCallback) {
 /// worker that then has to end itself.
 TEST_P(StreamServerTest, StopAndDestructionFromEachCallback) {
     mServer.reset();
-    const size_t before = openDescriptors();
+    const long before = openDescriptors();
     for (const std::string place : {"connection", "message", "close"}) {
         for (const bool destroy : {false, true}) {
             SCOPED_TRACE(place + (destroy ? ", destroy" : ", stop"));
@@ -239,7 +239,7 @@ TEST_P(StreamServerTest, PeersThatHalfCloseResetOrVanishInAMessage) {
 
 TEST_P(StreamServerTest, ThousandConnectionsLeaveNoDescriptor) {
     start();
-    const size_t before = openDescriptors();
+    const long before = openDescriptors();
     for (int round = 0; round < 5; ++round) {
         std::vector<Peer> peers;
         for (int i = 0; i < 200; ++i) {
@@ -329,7 +329,7 @@ TEST(StreamServerLoopTest, DestroyedBesideABaseLoopThatDoesNotRun) {
     for (const size_t threads : {0u, 2u}) {
         SCOPED_TRACE(threads);
         LogCapture log;
-        const size_t before = openDescriptors();
+        const long before = openDescriptors();
         {
             EventLoop loop;
             auto server = std::make_unique<TcpServer>(&loop, "srv");

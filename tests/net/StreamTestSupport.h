@@ -1,11 +1,9 @@
 #pragma once
 
-#include <dirent.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -15,6 +13,7 @@
 #include "Vantel/Orbel/InetAddress.h"
 #include "Vantel/Orbel/Socket.h"
 #include "frame/base/UniqueFd.h"
+#include "tests/support/OpenDescriptors.h"
 #include "tests/support/TestName.h"
 
 namespace OrbelTest {
@@ -144,15 +143,5 @@ private:
     EventLoopThread mThread;
     EventLoop* mLoop;
 };
-
-inline size_t openDescriptors() {
-    size_t count = 0;
-    DIR* const directory = ::opendir("/proc/self/fd");
-    while (::readdir(directory) != nullptr) {
-        ++count;
-    }
-    ::closedir(directory);
-    return count;
-}
 
 }  // namespace OrbelTest
