@@ -124,6 +124,12 @@ private:
     std::array<Slot, 400> mSlots;
 };
 
+#if defined(__SANITIZE_THREAD__)  // which sees each byte that is written and checked
+constexpr int kRandomSteps = 4000;
+#else
+constexpr int kRandomSteps = 16000;
+#endif
+
 TEST(MemoryPool, RandomWorkKeepsEveryByteAndReturnsEverything) {
     for (const int threadCount : {1, 8}) {
         SCOPED_TRACE(threadCount);
@@ -131,7 +137,7 @@ TEST(MemoryPool, RandomWorkKeepsEveryByteAndReturnsEverything) {
         std::vector<std::thread> threads;
         for (int i = 0; i < threadCount; ++i) {
             threads.emplace_back([&model, i, threadCount] {
-                model.work(static_cast<unsigned>(i + 1), 16000 / threadCount);
+                model.work(static_cast<unsigned>(i + 1), kRandomSteps / threadCount);
             });
         }
         for (std::thread& thread : threads) {
