@@ -122,20 +122,6 @@ TEST_F(StreamConnectionTransportTest, Handshake) {
     EXPECT_EQ(events, "connected ");
 }
 
-TEST_F(StreamConnectionTransportTest, HandshakeThatFails) {
-    transport->handshakes = {{Status::kError, -1, 0}};
-    connection->connectEstablished();
-    EXPECT_EQ(events, "error:5 close ");
-}
-
-TEST_F(StreamConnectionTransportTest, AHandshakeHasNoOrderlyEnd) {
-    transport->handshakes = {{Status::kWantRead, -1, 0}};
-    connection->connectEstablished();
-    connection->shutdown();
-    EXPECT_EQ(events, "close ");
-    EXPECT_EQ(transport->calls, "");
-}
-
 TEST_F(StreamConnectionTransportTest, AnEventReadsAtMost4MiBIn32Reads) {
     transport->readAll = true;
     int readsInEvent = 0;
@@ -313,23 +299,30 @@ TEST_F(StreamConnectionTransportTest, ShutdownNeedsBothDirections) {
     EXPECT_EQ(events, "connected close ") << "what came after the shutdown is dropped";
 }
 
-TEST_F(StreamConnectionTransportTest, ShutdownOutcomes) {
+TEST_F(StreamConnectionTransportTest, HandshakesAndShutdownsThatEndTheConnection) {
     const struct {
-        std::deque<TransportResult> answers;
-        const char* events;
+        const char* why;
+        std::deque<TransportResult> handshakes, shutdowns;
+        const char *events, *calls;
     } cases[] = {
-        {{{Status::kClosed, -1, 0}}, "close "},
-        {{{Status::kError, -1, 0}}, "error:5 close "},
-        {{{Status::kOk, 0, 0}}, ""},
+        {"failed handshake", {{Status::kError, -1, 0}}, {}, "error:5 close ", ""},
+        {"none is ended in order", {{Status::kWantRead, -1, 0}}, {}, "close ", ""},
+        {"closed", {}, {{Status::kClosed, -1, 0}}, "connected close ", "s"},
+        {"failed", {}, {{Status::kError, -1, 0}}, "connected error:5 close ", "s"},
+        {"done", {}, {{Status::kOk, 0, 0}}, "connected ", "s"},
     };
     for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
         auto owned = std::make_unique<ScriptedTransport>(makeNear());
-        owned->shutdowns = c.answers;
+        transport = owned.get();
+        transport->handshakes = c.handshakes;
+        transport->shutdowns = c.shutdowns;
         connection = keep(std::make_shared<StreamConnection>(&loop, "each", std::move(owned)));
-        connection->connectEstablished();
         events.clear();
+        connection->connectEstablished();
         connection->shutdown();
         EXPECT_EQ(events, c.events);
+        EXPECT_EQ(transport->calls, c.calls);
     }
 }
 

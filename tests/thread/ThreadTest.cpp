@@ -172,7 +172,14 @@ TEST_F(ThreadTest, DestructorsOfRunningThreadsWait) {
     EXPECT_TRUE(empty.createThread());
 }
 
-TEST_F(ThreadTest, NamesAreCutAndCopied) {
+/// The name that the kernel has of a thread.
+std::string kernelName(int tid) {
+    std::string name;
+    std::getline(std::ifstream("/proc/self/task/" + std::to_string(tid) + "/comm"), name);
+    return name;
+}
+
+TEST_F(ThreadTest, NamesAreCutAndCopiedAndLiteOnesToldToTheKernel) {
     EXPECT_STREQ(TestThread({}, nullptr).getThreadName(), "noNamed");
     TestThread thread({}, std::string(40, 'n').c_str());
     EXPECT_EQ(thread.getThreadName(), std::string(31, 'n'));
@@ -184,36 +191,22 @@ TEST_F(ThreadTest, NamesAreCutAndCopied) {
     std::string name;
     EXPECT_TRUE(CThreadManager::instance()->getThreadNameById(thread.getThreadId(), name));
     EXPECT_EQ(name, "second");
-    EXPECT_FALSE(CThreadManager::instance()->getThreadNameById(-7, name));
-    EXPECT_FALSE(CThread::setCurrentThreadName(nullptr));
-}
-
-/// The name that the kernel has of a thread.
-std::string kernelName(int tid) {
-    std::string name;
-    std::getline(std::ifstream("/proc/self/task/" + std::to_string(tid) + "/comm"), name);
-    return name;
-}
-
-TEST_F(ThreadTest, OnlyLiteThreadsAreNamedForTheKernel) {
+    EXPECT_NE(kernelName(thread.getThreadId()), "second");
     std::atomic<bool> running{false};
     struct Body {
-        void run(CThreadLite& self) {
+        void run(CThreadLite&) {
             running = true;
-            while (self.looping()) {
-                CThread::sleep(1);
-            }
+            waitFor([this] { return !running; });
         }
         std::atomic<bool>& running;
     } body{running};
     CThreadLite lite({&body, &Body::run}, "a lite thread's name", 64, 0, 0);
-    TestThread plain({}, "plain");
     ASSERT_TRUE(lite.createThread());
-    ASSERT_TRUE(plain.createThread());
-    ASSERT_TRUE(plain.waitUntilRunning());
     ASSERT_TRUE(waitFor([&] { return running.load(); }));
     EXPECT_EQ(kernelName(lite.getThreadId()), "a lite thread's");
-    EXPECT_NE(kernelName(plain.getThreadId()), "plain");
+    running = false;
+    EXPECT_FALSE(CThreadManager::instance()->getThreadNameById(-7, name));
+    EXPECT_FALSE(CThread::setCurrentThreadName(nullptr));
 }
 
 TEST_F(ThreadTest, SchedulingScale) {
