@@ -263,7 +263,14 @@ void registerAll(const Allocator& allocator) {
     }
     pair->Threads(1)->Threads(4);
     add("batch", &batch<Heap>)->Arg(16)->Arg(64)->Arg(256)->Arg(1024)->Threads(1)->Threads(4);
-    add("liveSet", &liveSet<Heap>)->Arg(128)->Arg(1024)->Arg(16384)->Threads(1)->Threads(4);
+    // Which is drawn as a curve; medians, since machines are seldom quiet for the whole of it.
+    add("liveSet", &liveSet<Heap>)
+        ->Arg(128)
+        ->Arg(1024)
+        ->Arg(16384)
+        ->ThreadRange(1, 8)
+        ->Repetitions(5)
+        ->ReportAggregatesOnly();
     add("handOver", &handOver<Heap>)->Arg(64)->Arg(1024)->Threads(2);
     add("memoryKept", &memoryKept)->Iterations(1);
 }

@@ -42,7 +42,7 @@ plot readers "reader processes" "samples delivered a second, all readers" \
 
 # A live set of blocks of 16 to 1024 bytes, from 1 to 8 threads.
 jq -r '
-    [.benchmarks[] | select(.name | test("^liveSet/[^/]+/1024/.*threads:[0-9]+$")) |
+    [.benchmarks[] | select(.name | test("^liveSet/[^/]+/1024/.*threads:[0-9]+_median$")) |
         {heap: (.name | split("/")[1]), threads: .threads, rate: (1000 / .real_time)}] |
     (map(.heap) | unique) as $heaps |
     (["threads"] + $heaps | @tsv),
