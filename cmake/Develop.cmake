@@ -99,7 +99,7 @@ foreach(directory examples tools)
         add_dependencies(helpers ${name})  # tests run these too
     endforeach()
 endforeach()
-add_dependencies(demo publisher subscriber)  # which it runs
+add_dependencies(demo publisher subscriber log_server)  # which it runs
 
 # The complete program of each guide is built and run as a test, that of the README built only (its
 # names are fixed): what a newcomer copies works.

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "Vantel/Log/LogPacket.h"
 #include "tests/support/HelperProcess.h"
 #include "tests/support/IpcCleanup.h"
 #include "tests/support/WaitFor.h"
@@ -235,7 +236,10 @@ private:
 
 void Demo::showLog(Log& log) {
     if (!log.own()) {
-        std::printf("\nanother log server has the log\n");
+        const bool another = std::filesystem::exists(Vantel::Log::kLogServerPath);
+        std::printf(another ? "\nanother log server has the log\n"
+                            : "\nthe log server did not start\n");
+        mFailed = mFailed || !another;
         return;
     }
     int left = 0;
