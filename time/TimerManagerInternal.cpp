@@ -240,7 +240,7 @@ void TimerManagerInternal::printTimers() {
         }
     }
     // Written outside of the lock: who takes log lines may use timers.
-    ORBEL_LOG_INFO("TimerManagerPool Thread count: ( %d )\n", threadCount.load());
+    ORBEL_LOG_INFO(" TimerManagerPool Thread count: ( %d )\n", threadCount.load());
     ORBEL_LOG_INFO(" Timers: ( %11lu Milli-Seconds Elapsed )\n", static_cast<unsigned long>(now));
     ORBEL_LOG_INFO(
         "             Name            NextTime RunningTime Period   Used/Timeout State\n");

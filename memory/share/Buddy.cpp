@@ -229,7 +229,7 @@ void buddyPrintNodeInfoImp(Buddy* thiz) {
                 return true;
             }
             ORBEL_LOG_INFO(
-                "Order List(%2d) Idx(%5d) Self(%p) Order(%4d) Prev(%6zu)(%p) Next(%6zu)(%p)\n",
+                " Order List(%2d) Idx(%5d) Self(%p) Order(%4d) Prev(%6zu)(%p) Next(%6zu)(%p)\n",
                 static_cast<int>(order), static_cast<int>(node->index),
                 static_cast<const void*>(node), node->order, static_cast<size_t>(link->prev),
                 addressAt(area, link->prev), static_cast<size_t>(link->next),

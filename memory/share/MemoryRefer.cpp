@@ -231,8 +231,8 @@ int32_t memReferReleaseReferImp(MemoryRefer* thiz, int32_t offset) {
     const Refers refers(thiz);
     ReferNode* const node = refers.find(offset);
     if (node == nullptr) {
-        ORBEL_LOG_ERROR("findReferNode for offset[%zu].listCount[%d]", static_cast<size_t>(offset),
-                        static_cast<int>(refers.count()));
+        ORBEL_LOG_ERROR("findReferNode for offset[%zu] failed.listCount[%d]",
+                        static_cast<size_t>(offset), static_cast<int>(refers.count()));
         return -1;
     }
     if (listEmpty(&node->pidList)) {

@@ -382,7 +382,7 @@ TEST_F(Refer, TheLastHolderFreesTheBlock) {
     EXPECT_EQ(mPool->freeSize(), mAll);
     EXPECT_EQ(mRefer->releaseByPid(mRefer, getpid()), 0) << "also with nothing there";
     EXPECT_EQ(mRefer->releaseRefer(mRefer, offset), -1);
-    EXPECT_EQ(mLog.count("].listCount[0]"), 2);
+    EXPECT_EQ(mLog.count("] failed.listCount[0]"), 2);
 }
 
 TEST_F(Refer, AnUnclaimedDescriptionLastsTwoRounds) {
