@@ -22,6 +22,7 @@
 #include "Vantel/ILogger.h"
 #include "Vantel/Log/Olog.h"
 #include "log/CrashReport.h"
+#include "tests/support/ForkedChild.h"
 #include "tests/support/NullLogClient.h"
 
 extern "C" {

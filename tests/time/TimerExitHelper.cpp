@@ -10,6 +10,7 @@
 
 #include "Vantel/Orbel/CThread.h"
 #include "Vantel/Orbel/CTimer.h"
+#include "tests/support/ForkedChild.h"
 
 using Vantel::Orbel::CThread;
 using Vantel::Orbel::CTimer;
