@@ -96,6 +96,10 @@ void ThreadInternal::body() {
     ORBEL_LOG_DEBUG("ThreadBody Enter name = %s, id = %d, prior = %s%d, stack = %p \n", nameNow, id,
                     policyLetter(policy), priority, static_cast<void*>(nameNow));
     owner->threadProc();
+    {
+        Guard<CMutex> guard(mutex);  // it may go by another name now
+        copyName(nameNow, name);
+    }
     ORBEL_LOG_DEBUG("ThreadBody leave name = %s, id = %d \n", nameNow, id);
     manager->removeThread(this);
 

@@ -188,10 +188,14 @@ TEST_F(ThreadTest, NamesAreCutAndCopiedAndLiteOnesToldToTheKernel) {
     thread.setThreadName("second");
     ASSERT_TRUE(thread.createThread());
     ASSERT_TRUE(thread.waitUntilRunning());
+    EXPECT_TRUE(mLog.has("ThreadBody Enter name = second,"));
+    thread.setThreadName("third");
     std::string name;
     EXPECT_TRUE(CThreadManager::instance()->getThreadNameById(thread.getThreadId(), name));
-    EXPECT_EQ(name, "second");
-    EXPECT_NE(kernelName(thread.getThreadId()), "second");
+    EXPECT_EQ(name, "third");
+    EXPECT_NE(kernelName(thread.getThreadId()), "third");
+    EXPECT_TRUE(thread.destroyThread());
+    EXPECT_TRUE(mLog.has("ThreadBody leave name = third,"));
     std::atomic<bool> running{false};
     struct Body {
         void run(CThreadLite&) {
