@@ -36,9 +36,11 @@ void waitForCallback(TimerInternal& timer) {
     TimerManagerInternal& all = manager();
     TimerGuard guard(all.mutex);
     for (uint64_t pass = 0; runsElsewhere(timer); ++pass) {
+        char name[sizeof timer.name];
+        copyName(name, timer.name);
         all.mutex.leave();
         if (pass % 500 == 0) {
-            ORBEL_LOG_INFO(" CTimer::Stop '%s' wait callback exit!", timer.name);
+            ORBEL_LOG_INFO(" CTimer::Stop '%s' wait callback exit!", name);
         }
         CThread::sleep(10);
         all.mutex.enter();
@@ -98,6 +100,9 @@ bool CTimer::start(TDelegate<void, unsigned long> proc, uint32_t delayMs, uint32
 
 bool CTimer::stop(bool callNow) {
     TimerManagerInternal& all = manager();
+    if (all.lostThreads()) {
+        return false;
+    }
     TimerGuard guard(all.mutex);
     TimerInternal& timer = *mInternal;
     const bool wasStarted = timer.started;
@@ -107,7 +112,9 @@ bool CTimer::stop(bool callNow) {
 
 bool CTimer::stopAndWait() {
     stop(false);
-    waitForCallback(*mInternal);
+    if (!manager().lostThreads()) {
+        waitForCallback(*mInternal);
+    }
     return true;
 }
 

@@ -95,6 +95,7 @@ TEST(CTimerTest, AFiringDuringARunIsDroppedAndTheThreadIsWatched) {
     std::this_thread::sleep_for(std::chrono::milliseconds(250));
     EXPECT_TRUE(slow.runs == 1 && slow.timer->isRunning());
     std::thread release([&] {
+        slow.timer->setName("slow");  // while stopAndWait() reads it
         waitFor([&] { return log.has("CTimer::Stop 'slow' wait callback exit!"); });
         slow.hold = false;
     });

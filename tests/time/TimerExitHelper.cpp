@@ -81,6 +81,7 @@ int main(int, char** argv) {
     if (std::strcmp(argv[1], "fork") == 0) {
         const pid_t child = fork();
         if (child == 0) {
+            late->stopAndWait();  // the thread of its callback does not live here
             std::exit(0);
         }
         int status = -1;

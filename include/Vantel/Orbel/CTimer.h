@@ -42,7 +42,7 @@ public:
 
     /// Disarms the timer; a callback under way goes on. With `callNow` a one-shot timer that was
     /// armed fires now instead of never; the result is then whether a thread took it. Otherwise
-    /// whether the timer was armed.
+    /// whether the timer was armed; false in such a child of a fork.
     bool stop(bool callNow);
 
     /// Disarms the timer and waits for the end of a callback under way, unless it is that callback
