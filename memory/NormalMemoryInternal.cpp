@@ -33,8 +33,9 @@ void* recordPlace(void* start, int64_t allocated) {
     return static_cast<uint8_t*>(start) + (allocated - kRecordSize);
 }
 
-bool possible(int32_t size, int32_t extraSize) {
-    if (size >= 0 && extraSize >= 0 && withRecord(manager().align(size), extraSize) <= INT_MAX) {
+/// `allocated` is what has to fit in an int; a buffer that is there already may be as large as one.
+bool possible(int32_t size, int32_t extraSize, int64_t allocated) {
+    if (size >= 0 && extraSize >= 0 && allocated <= INT_MAX) {
         return true;
     }
     ORBEL_LOG_ERROR(" no packet can have %d bytes and %d of extra data\n", size, extraSize);
@@ -55,7 +56,8 @@ NormalMemoryInternal::NormalMemoryInternal(Kind kind, bool deferred, void* buffe
 
 NormalMemoryInternal* NormalMemoryInternal::createBuffer(int32_t size, int32_t extraSize) {
     const MemoryPolicy policy = manager().policy();
-    if (policy == policyNone || !possible(size, extraSize)) {
+    const int64_t whole = withRecord(manager().align(size), extraSize);
+    if (policy == policyNone || !possible(size, extraSize, whole)) {
         return nullptr;
     }
     return policy == policyBuddySplit ? createSplit(size, extraSize)
@@ -87,10 +89,10 @@ NormalMemoryInternal* NormalMemoryInternal::createSplit(int32_t size, int32_t ex
 
 NormalMemoryInternal* NormalMemoryInternal::createSlice(const Packet& parent, int32_t offset,
                                                         int32_t size, int32_t extraSize) {
-    if (!possible(size, extraSize)) {
+    const int64_t header = withRecord(0, extraSize);
+    if (!possible(size, extraSize, header)) {
         return nullptr;
     }
-    const int64_t header = withRecord(0, extraSize);
     void* start = std::malloc(static_cast<size_t>(header));
     if (start == nullptr) {
         ORBEL_LOG_ERROR("out of memory\n");
@@ -105,20 +107,21 @@ NormalMemoryInternal* NormalMemoryInternal::createSlice(const Packet& parent, in
 
 NormalMemoryInternal* NormalMemoryInternal::wrap(void* buffer, int32_t size,
                                                  const int32_t* extraSize, FreeFunction freeFn) {
-    if (!possible(size, extraSize == nullptr ? 0 : *extraSize)) {
+    const int32_t extraBytes = extraSize == nullptr ? 0 : *extraSize;
+    if (!possible(size, extraBytes, extraBytes)) {
         return nullptr;
     }
     // Without memory for the extra data the packet still is one.
-    void* extra = extraSize == nullptr ? nullptr : std::malloc(static_cast<size_t>(*extraSize));
-    auto* block = new NormalMemoryInternal(kCallersBuffer, false, buffer, size, size, extra,
-                                           extraSize == nullptr ? 0 : *extraSize);
+    void* extra = extraSize == nullptr ? nullptr : std::malloc(static_cast<size_t>(extraBytes));
+    auto* block =
+        new NormalMemoryInternal(kCallersBuffer, false, buffer, size, size, extra, extraBytes);
     block->mFreeFn = std::move(freeFn);
     return block;
 }
 
 NormalMemoryInternal* NormalMemoryInternal::createDeferred(int32_t size, FreeFunction freeFn,
                                                            void* context, int32_t extraSize) {
-    if (!possible(size, extraSize)) {
+    if (!possible(size, extraSize, extraSize)) {
         return nullptr;
     }
     void* extra = std::malloc(static_cast<size_t>(extraSize));

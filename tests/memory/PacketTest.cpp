@@ -360,7 +360,9 @@ TEST(Packet, CallersAndDeferredBuffersNeedNoPolicy) {
     EXPECT_NE(released.extra, nullptr);
     slice.reset();
     EXPECT_EQ(released.calls, 1);
-    EXPECT_TRUE(Packet(bytes, 8, Packet::FreeFunction()).valid());
+    const Packet largest(bytes, INT_MAX, Packet::FreeFunction());
+    EXPECT_EQ(largest.capacity(), INT_MAX) << "nothing is allocated for it";
+    EXPECT_EQ(Packet(largest, 1, INT_MAX - 1, 0).size(), INT_MAX - 1);
 
     Released deferred;
     int context = 0;

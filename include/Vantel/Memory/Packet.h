@@ -13,8 +13,9 @@ class MemoryInternal;
 /// A handle on a reference-counted block of payload with optional extra data. Copies share the
 /// block; the last one frees it by the policy of the process (see InitializeMemory.h).
 ///
-/// Sizes are in bytes, from 0; a negative one, or more than fits in an int with the record, makes
-/// an invalid packet and an error line. No memory for a new block ends the process, by design.
+/// Sizes are in bytes, from 0; a negative one, or one whose allocation with the record does not fit
+/// in an int, makes an invalid packet and an error line. No memory for a new block ends the
+/// process, by design.
 ///
 /// Threads: copies of one packet may be used, and go, on different threads: the count is atomic.
 /// One Packet object, and the payload and sizes that its copies share, are the callers' to guard.
