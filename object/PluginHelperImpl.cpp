@@ -3,7 +3,6 @@
 #include <dlfcn.h>
 
 #include <map>
-#include <utility>
 
 #include "Vantel/Orbel/CRecursiveMutex.h"
 #include "Vantel/Orbel/ErrorState.h"
@@ -223,15 +222,18 @@ bool PluginHelperImpl::unregisterFactory(const char* objectId, IObjectFactory* f
     return true;
 }
 
-/// Plug-ins call back while they clean up, so each map is moved out before it is walked.
+/// Plug-ins call back while they clean up, and then all that was there is still known. They may
+/// add to the maps, which does not disturb the walks; nothing that was there goes before their end.
 void PluginHelperImpl::shutdown() {
     const Orbel::Guard guard(mInternal->mutex);
-    for (const auto& entry : std::exchange(mInternal->instances, {})) {
+    for (const auto& entry : mInternal->instances) {
         entry.second->release();
     }
-    for (const auto& entry : std::exchange(mInternal->libraries, {})) {
+    mInternal->instances.clear();
+    for (const auto& entry : mInternal->libraries) {
         exitLibrary(entry.second);
     }
+    mInternal->libraries.clear();
     mInternal->factories.clear();
 }
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <thread>
 
 #include "Vantel/Orbel/ErrorState.h"
@@ -18,8 +19,14 @@ namespace {
 
 class CountedObject : public IObject {
 public:
-    void destroy() override { ++mDestroyed; }
+    void destroy() override {
+        ++mDestroyed;
+        if (mOnDestroy) {
+            mOnDestroy();
+        }
+    }
     int mDestroyed = 0;
+    std::function<void()> mOnDestroy;
 };
 
 class NamedFactory : public IObjectFactory {
@@ -129,6 +136,7 @@ TEST_F(PluginHelperTest, PluginThatFailsIsClosedAndItsFactoriesStay) {
 
 TEST_F(PluginHelperTest, LibrariesAreInitialisedOnceAndLeaveInTheOrderOfTheirPaths) {
     static std::string pathOfA;
+    static std::string pathOfB;
     static NamedFactory factory("late");
     HookedPlugin b(
         mDirectory, "b.so",
@@ -149,9 +157,10 @@ TEST_F(PluginHelperTest, LibrariesAreInitialisedOnceAndLeaveInTheOrderOfTheirPat
         },
         [] {
             called.push_back("exit a");
-            return 3;
+            return loading->loadClass(pathOfB.c_str()) ? 3 : 0;  // that one is still there
         });
     pathOfA = a.path();
+    pathOfB = b.path();
     {
         PluginHelperImpl helper;
         loading = &helper;
@@ -232,6 +241,7 @@ TEST_F(PluginHelperTest, OneObjectForEachPairOfIds) {
         EXPECT_EQ(helper.makeObject(nullptr), nullptr);
         EXPECT_EQ(getLastErrno(), 21);
         EXPECT_EQ(helper.addRef(nullptr) + helper.subRef(nullptr), 0u);
+        object.mOnDestroy = [&] { helper.makeInstance(&rival, "object", "other"); };
     }
     EXPECT_EQ(object.mDestroyed, 1) << "the second time took another reference";
     EXPECT_EQ(rival.mDestroyed, 0);
