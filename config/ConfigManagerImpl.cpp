@@ -20,10 +20,19 @@ using Orbel::WriteGuard;
 
 namespace {
 
-/// Throws std::logic_error if the variable is not set, as it is meant to: a process that nobody
-/// told where its files are must not go on with those of the root directory.
-std::string environment(const char* variable) {
-    return std::string(std::getenv(variable));
+/// What the settings say, else the environment. False for a setting that is no string.
+///
+/// Throws std::logic_error if neither says anything, as it is meant to: a process that nobody told
+/// where its files are must not go on with those of the root directory.
+bool findDirectory(const Json::Value& settings, const char* key, const char* variable,
+                   std::string& directory) {
+    if (!settings.isMember(key)) {
+        directory = std::string(std::getenv(variable));
+        return true;
+    }
+    const bool valid = settings[key].isString();
+    directory = valid ? settings[key].asString() : "";
+    return valid;
 }
 
 }  // namespace
@@ -47,33 +56,23 @@ ConfigManagerImpl& ConfigManagerImpl::get() {
 bool ConfigManagerImpl::initial(const Json::Value& config) {
     static const Json::Value kNothing(Json::objectValue);
     const Json::Value& settings = config.isObject() ? config : kNothing;
-    if (settings["interval"].isInt()) {
-        mIntervalMs = settings["interval"].asInt();
+    const int interval =
+        settings["interval"].isInt() ? settings["interval"].asInt() : mIntervalMs.load();
+    mIntervalMs = interval <= kTooShortMs ? kDefaultIntervalMs : interval;
+    std::string defaultDirectory;
+    std::string directory;
+    if (!findDirectory(settings, "defConfigPath", "SDK_DEFAULT_CONFIG_PATH", defaultDirectory)) {
+        ORBEL_LOG_ERROR("default config path type invalid\n");
+        return false;
     }
-    if (mIntervalMs <= kTooShortMs) {
-        mIntervalMs = kDefaultIntervalMs;
+    if (settings.isMember("defConfigPath") && !File::exist(defaultDirectory.c_str())) {
+        ORBEL_LOG_ERROR("default config path(%s) not exist\n", defaultDirectory.c_str());
+        return false;
     }
-    const Json::Value& defaults = settings["defConfigPath"];
-    const Json::Value& current = settings["configPath"];
-    if (settings.isMember("defConfigPath")) {
-        if (!defaults.isString()) {
-            ORBEL_LOG_ERROR("default config path type invalid\n");
-            return false;
-        }
-        if (!File::exist(defaults.asCString())) {
-            ORBEL_LOG_ERROR("default config path(%s) not exist\n", defaults.asCString());
-            return false;
-        }
-    }
-    if (settings.isMember("configPath") && !current.isString()) {
+    if (!findDirectory(settings, "configPath", "SDK_CONFIG_PATH", directory)) {
         ORBEL_LOG_ERROR("config path type invalid\n");
         return false;
     }
-    const auto path = [](const Json::Value& given, const char* variable) {
-        return given.isString() ? given.asString() : environment(variable);
-    };
-    const std::string defaultDirectory = path(defaults, "SDK_DEFAULT_CONFIG_PATH");
-    const std::string directory = path(current, "SDK_CONFIG_PATH");
     if (!File::exist(directory.c_str())) {
         File::makeDirectoryWithParent(directory.c_str());  // saving tells if that failed
     }

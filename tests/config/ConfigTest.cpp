@@ -342,7 +342,10 @@ TEST_F(ConfigTest, SettingsOfTheManager) {
     refused("defConfigPath", 5, "]default config path type invalid\n");
     refused("defConfigPath", "/no/such", "]default config path(/no/such) not exist\n");
     refused("configPath", Json::Value(), "]config path type invalid\n");
+    unsetenv("SDK_DEFAULT_CONFIG_PATH");
     unsetenv("SDK_CONFIG_PATH");
+    EXPECT_THROW(manager().initial(json(R"({"configPath":5})")), std::logic_error)
+        << "the defaults come first";
     Json::Value none = settings();
     none.removeMember("configPath");
     EXPECT_THROW(manager().initial(none), std::logic_error);
