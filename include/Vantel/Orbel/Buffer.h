@@ -14,8 +14,11 @@ class ORBEL_API Buffer {
 public:
     /// An empty store without memory.
     Buffer();
+    ///@{
+    /// Shares the bytes and the cursor of `other`; the last handle to a store frees it.
     Buffer(const Buffer& other);
     Buffer& operator=(const Buffer& other);
+    ///@}
     virtual ~Buffer();
 
     /// Moves the cursor to the beginning.
@@ -25,11 +28,13 @@ public:
     uint8_t* data(int offset = 0) const;
     /// The byte at the cursor.
     uint8_t* offset() const;
+    /// The end of the store, as resize() and append() have set it; nothing to do with the cursor.
     int size() const;
     /// How far resize() goes without new memory.
     int capability() const;
     /// From the cursor to the end; negative if resize() has cut the store before the cursor.
     int remain() const;
+    /// The position of the cursor, from the beginning.
     int tell() const;
 
     /// Sets the size and returns it, -1 if it is negative or there is no memory. The cursor stays,

@@ -11,10 +11,11 @@
 
 namespace Vantel::Orbel {
 
+/// See InetAddress::getType().
 enum InetAddressType : int32_t {
-    kIPv4 = 0,  ///< also of an invalid address
-    kIPv6 = 1,
-    kUnix = 2,
+    kIPv4 = 0,  ///< AF_INET; also of the invalid address
+    kIPv6 = 1,  ///< AF_INET6
+    kUnix = 2,  ///< AF_UNIX
 };
 
 /// An IPv4, IPv6 or Unix domain address, copied as plain data. All zero (family 0) is the invalid
@@ -25,37 +26,52 @@ class ORBEL_API InetAddress {
 public:
     /// The invalid address.
     InetAddress();
+    ///@{
+    /// Copy a raw address as it is, its port in network order.
     explicit InetAddress(const sockaddr_in& addr);
     explicit InetAddress(const sockaddr_in6& addr);
     explicit InetAddress(const sockaddr_un& addr);
     explicit InetAddress(const sockaddr_storage& addr);
+    ///@}
+    ///@{
     /// As setIPv4, setIPv6 (if `ipv6`) and setUnix: invalid if those fail.
     InetAddress(uint16_t port, const std::string& ip);
     InetAddress(uint16_t port, const std::string& ip, bool ipv6);
     explicit InetAddress(const std::string& unixPath);
+    ///@}
 
+    ///@{
     /// Set the address from its numeric text. False with a log line, and invalid, if it is none.
     bool setIPv4(uint16_t port, const std::string& ip);
     bool setIPv6(uint16_t port, const std::string& ip);
+    ///@}
     /// Sets the path of a Unix socket, at most 107 bytes. A longer one makes the address invalid:
     /// false.
     bool setUnix(const std::string& path);
 
-    /// Store a raw address as it is.
+    ///@{
+    /// Store a raw address as it is, unchecked.
     void setSockAddrInet(const sockaddr_in& addr);
     void setSockAddrInet6(const sockaddr_in6& addr);
     void setSockAddrUnix(const sockaddr_un& addr);
     void setSockAddrStorage(const sockaddr_storage& addr);
+    ///@}
 
+    /// AF_INET, AF_INET6, AF_UNIX, or 0; anything that a raw address brought.
     sa_family_t family() const { return mStorage.ss_family; }
+    /// Says only that there is a family.
     bool isValid() const { return mStorage.ss_family != 0; }
+    /// kIPv4 for every family that is neither IPv6 nor Unix, none included.
     InetAddressType getType() const;
 
+    ///@{
     /// The address for system calls, and its length: 16, 28, or 110 for any Unix path; 0 for any
     /// other family.
     const sockaddr* getSockAddr() const;
     socklen_t getSockLen() const;
+    ///@}
 
+    ///@{
     /// Views of the same bytes, whatever the family is.
     const sockaddr_in* getSockAddr4() const { return &mInet; }
     sockaddr_in* getSockAddr4() { return &mInet; }
@@ -63,6 +79,7 @@ public:
     sockaddr_in6* getSockAddr6() { return &mInet6; }
     const sockaddr_un* getSockAddrUnix() const { return &mUnix; }
     sockaddr_un* getSockAddrUnix() { return &mUnix; }
+    ///@}
 
     /// The path, empty if this is no Unix address.
     std::string getUnixPath() const;
@@ -75,6 +92,9 @@ public:
     /// As toIpPort, with "unix:" in front of a path.
     std::string toString() const;
 
+    ///@{
+    /// The invalid address if the text is no address or the path is too long. Loopback is
+    /// 127.0.0.1 and ::1, any is 0.0.0.0 and ::, to bind to all interfaces.
     static InetAddress createIPv4(uint16_t port, const std::string& ip);
     static InetAddress createIPv6(uint16_t port, const std::string& ip);
     static InetAddress createLoopback4(uint16_t port);
@@ -82,10 +102,11 @@ public:
     static InetAddress createAny4(uint16_t port);
     static InetAddress createAny6(uint16_t port);
     static InetAddress createUnix(const std::string& path);
+    ///@}
 
     /// The first address of `host` in the wanted family, with `port`. Blocks on the name service.
     /// False on failure: errno is EINVAL for an empty host or null `result`, otherwise the log has
-    /// the reason.
+    /// the reason. `result` is set on success only.
     static bool resolve(const std::string& host, uint16_t port, InetAddress* result, bool ipv6);
     /// The same with port 0.
     static bool resolve(const std::string& host, InetAddress* result, bool ipv6);

@@ -19,24 +19,33 @@ public:
     /// data(). It is not empty: clear() makes it so, and keeps the room.
     explicit NetBuffer(size_t size, size_t headroom = 0);
 
+    ///@{
+    /// Of the readable bytes, which are neither the room in front nor the room behind.
     size_t size() const { return mWriteIndex - mReadIndex; }
     bool empty() const { return mReadIndex == mWriteIndex; }
+    ///@}
     /// All the storage, wherever the readable bytes stand in it.
     size_t capacity() const { return mData.size(); }
+    ///@{
     /// The first readable byte, null when empty.
     const uint8_t* data() const { return empty() ? nullptr : mData.data() + mReadIndex; }
     uint8_t* data() { return empty() ? nullptr : mData.data() + mReadIndex; }
+    ///@}
 
     /// Room in front of the readable bytes.
     size_t headroom() const { return mReadIndex; }
+    ///@{
     /// The `count` bytes in front of the readable ones, null if the room is smaller.
     const uint8_t* headroomData(size_t count) const;
     uint8_t* headroomData(size_t count);
+    ///@}
 
-    /// Room behind the readable bytes, null if there is none. Announce by hasWritten what was
+    ///@{
+    /// Room behind the readable bytes, null and 0 if there is none. Announce by hasWritten what was
     /// stored there.
     uint8_t* writableData();
     size_t writableSize() const { return mData.size() - mWriteIndex; }
+    ///@}
 
     /// Appends a copy; `data` must not point into this buffer. Null or 0 bytes: nothing happens.
     void append(const void* data, size_t length);

@@ -10,6 +10,7 @@ namespace Vantel::Orbel {
 /// The stream of a socket as it is. Without a socket every operation fails with ENOTCONN.
 class ORBEL_API PlainStreamTransport : public StreamTransport {
 public:
+    /// Null is allowed, see above.
     explicit PlainStreamTransport(std::unique_ptr<StreamSocket> socket);
     ~PlainStreamTransport() override;
 

@@ -20,9 +20,11 @@ public:
 
     /// Called again and again until it answers kOk.
     virtual TransportResult handshake() = 0;
-    /// Plain bytes in and out, at most `length`.
+    ///@{
+    /// Plain bytes in and out, at most `length`, which is above 0. Called after the handshake only.
     virtual TransportResult read(void* buffer, size_t length) = 0;
     virtual TransportResult write(const void* buffer, size_t length) = 0;
+    ///@}
     /// Ends the outgoing direction; called again after kWantRead and kWantWrite.
     virtual TransportResult shutdown() = 0;
 };

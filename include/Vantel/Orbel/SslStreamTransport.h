@@ -13,6 +13,7 @@ class SslEngine;
 /// handshake is done, every operation fails with ENOTCONN. Nobody reads or writes past the engine.
 class ORBEL_API SslStreamTransport : public StreamTransport {
 public:
+    /// `engine` works on `socket` and is destroyed before it. Either may be null.
     SslStreamTransport(std::unique_ptr<StreamSocket> socket, std::unique_ptr<SslEngine> engine);
     ~SslStreamTransport() override;
 

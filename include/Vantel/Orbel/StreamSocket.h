@@ -17,10 +17,13 @@ namespace Vantel::Orbel {
 /// of a loop.
 class ORBEL_API StreamSocket : public Socket {
 public:
-    /// IPv4, non-blocking.
+    ///@{
+    /// Creates a socket, without arguments for IPv4 and non-blocking; `protocol` 0 is the family's
+    /// own. If that fails it is closed from birth, and the log has a line.
     StreamSocket();
     StreamSocket(int family, bool nonBlocking);
     StreamSocket(int family, int protocol, bool nonBlocking);
+    ///@}
     /// Takes over `fd`.
     explicit StreamSocket(int fd);
 
@@ -34,11 +37,14 @@ public:
     /// and without one fails with EAGAIN.
     virtual bool connect(const InetAddress& addr, int timeoutMs);
 
+    /// False with errno, EBADF for a closed socket.
     bool listen(int backlog);
 
-    /// As the system calls of these names.
+    ///@{
+    /// As send(2) and recv(2): the bytes moved, which may be fewer than `length`.
     ssize_t send(const void* buffer, size_t length, int flags);
     ssize_t recv(void* buffer, size_t length, int flags);
+    ///@}
 
     /// Sends all of it, at most 0x7FFFFFFF bytes (EMSGSIZE), and returns `length`; -1 with
     /// ETIMEDOUT if that takes longer than `timeoutMs` (-1: no limit), also if some of it is sent.
@@ -47,13 +53,18 @@ public:
     /// ECONNRESET if the peer ends before. What came until a failure stands in `buffer`.
     ssize_t recvAll(void* buffer, size_t length, int flags, int timeoutMs);
 
-    /// EINVAL also for null `vectors` or a `count` below 1.
+    ///@{
+    /// As readv(2) and sendmsg(2). EINVAL also for null `vectors` or a `count` below 1.
     ssize_t readv(const iovec* vectors, int count);
     ssize_t writev(const iovec* vectors, int count, int flags);
+    ///@}
 
+    ///@{
+    /// Socket::shutdown() of one direction or both.
     bool shutdownWrite();
     bool shutdownRead();
     bool shutdownBoth();
+    ///@}
 };
 
 }  // namespace Vantel::Orbel

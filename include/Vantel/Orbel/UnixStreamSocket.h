@@ -8,21 +8,23 @@ namespace Vantel::Orbel {
 /// A Unix domain stream socket, which can carry descriptors and credentials beside the bytes.
 class ORBEL_API UnixStreamSocket : public StreamSocket {
 public:
-    /// Non-blocking.
+    /// Creates a non-blocking socket. If that fails it is closed from birth, and the log has a
+    /// line.
     UnixStreamSocket();
     /// Takes over `fd`.
     explicit UnixStreamSocket(int fd);
 
-    /// Only Unix addresses. A socket file that stands at the path is replaced, whether somebody
-    /// listens there or not.
+    /// A socket file that stands at the path is replaced, whether somebody listens there or not.
+    /// EAFNOSUPPORT for an address of another family.
     bool bind(const InetAddress& addr) override;
-    /// Only Unix addresses.
+    /// As StreamSocket::connect; EAFNOSUPPORT for an address of another family.
     bool connect(const InetAddress& addr, int timeoutMs) override;
 
-    /// Sends one zero byte with these credentials; the kernel checks them.
+    /// Sends one zero byte with these credentials; the kernel checks them. False with errno.
     bool sendCredentials(int pid, unsigned uid, unsigned gid);
     /// Receives one byte with credentials (null pointers are skipped); setPassCred(true) comes
-    /// first. False if the byte came without them.
+    /// first. False if the byte came without them (EPROTO), or did not come; descriptors that came
+    /// with it are closed.
     bool recvCredentials(int* pid, unsigned* uid, unsigned* gid);
     /// Always true, also if the kernel refused.
     bool setPassCred(bool on);
