@@ -43,6 +43,7 @@ public:
     /// Without a callback, accepted descriptors are closed at once.
     void setNewConnectionCallback(const NewConnectionCallback& callback);
 
+    /// From the first successful listen() on.
     bool listening() const;
     /// The address really bound, with the port that the kernel chose.
     const InetAddress& listenAddr() const;

@@ -27,34 +27,49 @@ public:
     /// Asserts that the channel is not added to its loop.
     ~Channel();
 
+    ///@{
     /// Replace a callback by a copy of `callback`; an empty one is skipped. A callback must not
     /// replace itself while it runs, nor destroy the channel unless the owner is tied.
     void setReadCallback(const std::function<void()>& callback);
     void setWriteCallback(const std::function<void()>& callback);
     void setErrorCallback(const std::function<void()>& callback);
     void setCloseCallback(const std::function<void()>& callback);
+    ///@}
 
-    /// Change the interest mask. False if the poller refused; the mask is then as before.
+    ///@{
+    /// Change the interest mask; the first call adds the channel to the loop. False, with errno, if
+    /// the poller refused; the mask is then as before.
     bool enableReading();
     bool enableWriting();
     bool disableReading();
     bool disableWriting();
+    ///@}
     /// True at once, without asking the poller, if the mask is empty already.
     bool disableAll();
 
+    ///@{
+    /// What the interest mask holds; neither says that something is ready.
     bool isReading() const;
     bool isWriting() const;
     bool isNoneEvent() const;
+    ///@}
     /// True from the first accepted change of the mask to remove(), also with an empty mask.
     bool isAddedToLoop() const;
+    ///@{
+    /// As given to the constructor.
     int32_t fd() const;
     EventLoop* ownerLoop() const;
+    ///@}
+    /// The interest mask: POLLIN, POLLOUT, both or 0.
     uint32_t events() const;
+    /// What the poller has noted by setState(): -1 while it does not know the channel.
     int32_t state() const;
 
+    ///@{
     /// For pollers only: what the last poll returned, and the poller's registration state.
     void setRevents(uint32_t revents);
     void setState(int32_t state);
+    ///@}
 
     /// Remembers the owner weakly: once it is gone handleEvent() does nothing, and while it lives
     /// it is held for the length of each dispatch.

@@ -36,6 +36,7 @@ public:
     /// is.
     using MessageCallback =
         std::function<void(DatagramEndpoint*, NetBuffer* buffer, const InetAddress& peer)>;
+    /// Takes what has come by recv or recvFrom.
     using ReadableCallback = std::function<void(DatagramEndpoint*)>;
     /// `error` is an errno number.
     using ErrorCallback = std::function<void(DatagramEndpoint*, int error)>;
@@ -51,12 +52,14 @@ public:
     /// Takes over `socket`, makes it non-blocking, and drops the one before. False with errno, and
     /// the socket is gone: EBUSY if started, EINVAL if it is null or closed.
     bool initial(std::unique_ptr<DatagramSocket> socket);
+    ///@{
     /// Make a socket in the family of the address, IPv4, IPv6 or Unix. False with errno: EBUSY if
     /// started, or why the socket could not be made, bound or connected; what was there before
     /// stays then. A connected endpoint hears its server only.
     bool bind(const InetAddress& addr);
     bool connect(const InetAddress& server);
     bool connect(const InetAddress& server, const InetAddress& local);
+    ///@}
 
     /// Begins to read. True if it reads already. False with errno EINVAL without a socket. From
     /// another thread this blocks until the loop runs.
@@ -66,18 +69,22 @@ public:
     /// runs.
     void stop();
 
+    ///@{
     /// As send(2) and sendto(2), without waiting for room: the bytes sent, or -1 with errno:
     /// ENOTCONN without a socket, ESHUTDOWN in another thread while the loop does not run, EAGAIN
     /// if the socket has no room. The error may be that of an earlier datagram (ECONNREFUSED).
     /// From another thread `buf` is not copied: the call waits until the loop has sent it.
     ssize_t send(const void* buf, size_t len, int flags);
     ssize_t sendTo(const void* buf, size_t len, const InetAddress& addr, int flags);
+    ///@}
 
+    ///@{
     /// As recv(2) and recvfrom(2), for the readable callback: the bytes received, or -1 with errno,
     /// ENOTCONN without a socket. `peer` (null allowed) gets the sender. In the loop's thread
     /// (asserted).
     ssize_t recv(void* buf, size_t len, int flags);
     ssize_t recvFrom(void* buf, size_t len, InetAddress* peer, int flags);
+    ///@}
 
     /// Called for each datagram until none waits, however many come.
     void setMessageCallback(const MessageCallback& callback);
@@ -90,13 +97,18 @@ public:
     /// Bytes, 65536 at first; 0 is ignored. Longer datagrams are cut to this, silently.
     void setMaxDatagramSize(size_t sizeBytes);
 
+    /// As given to the constructor.
     EventLoop* getLoop() const;
+    ///@{
     /// Null without a socket. The endpoint owns it and alone closes it.
     const DatagramSocket* getSocket() const;
     DatagramSocket* getSocket();
+    ///@}
+    /// As given to the constructor; log lines have it.
     const std::string& name() const;
     /// Once there has been a socket, also after stop().
     bool initialized() const;
+    /// Between start() and stop().
     bool started() const;
     /// The invalid address without a socket.
     InetAddress localAddr() const;

@@ -12,6 +12,7 @@ namespace Vantel::Orbel {
 class Channel;
 class EventLoop;
 
+/// What a read takes.
 enum EventFdType : int32_t {
     kEventFdCounter = 0,    ///< a read takes the whole count
     kEventFdSemaphore = 2,  ///< a read takes 1 from the count
@@ -32,6 +33,7 @@ public:
     EventFd& operator=(const EventFd&) = delete;
     ~EventFd();
 
+    /// The object's own, not to be closed; -1 if there is none.
     int32_t fd() const { return mFd; }
 
     /// Adds `value` to the count. False if that would overflow it, silently, or on an error.
@@ -40,27 +42,38 @@ public:
     uint64_t read();
     /// As read(), but false where there is nothing to take, and never a log line.
     bool tryRead(uint64_t& value);
+    ///@{
     /// write(1).
     bool notify();
     bool wakeup();
+    ///@}
     /// Wakes up unless a wake-up is pending since the last resetWakeup(): a burst of wake-ups makes
     /// one system call. What the caller stored before this call is seen by whoever calls
     /// resetWakeup() afterwards. False if the write failed.
     bool wakeupOnce();
+    /// Ends the pending wake-up, so that the next wakeupOnce() writes again. The count stays.
     void resetWakeup();
     /// A hint that orders nothing: true if wakeupOnce() would do nothing now.
     bool isWakeupPending() const { return mWakeupPending.load(std::memory_order_relaxed); }
 
     /// Called with the value of each read, also when another reader was faster and it is 0.
     void setReadCallback(const std::function<void(uint64_t)>& callback);
+    /// Called when the poller reports an error of the descriptor.
     void setErrorCallback(const std::function<void()>& callback);
 
+    ///@{
+    /// Whether the loop watches the descriptor; at first it does not. "All" is reading and
+    /// writing, and an eventfd is nearly always ready to be written: the loop would not rest.
     void enableReading();
     void disableReading();
     void enableAll();
     void disableAll();
+    ///@}
+    ///@{
+    /// Whether the loop watches for it, not whether it is so.
     bool isReadable() const;
     bool isWritable() const;
+    ///@}
 
     /// Zeroes the counters of operations and bytes.
     void resetStatistics();

@@ -16,6 +16,7 @@ namespace Vantel::Orbel {
 
 class Channel;
 
+/// When EventLoop::loop() returns. quit() ends any of them.
 enum EventLoopMode : int32_t {
     kLoopForever = 0,  ///< until quit()
     kLoopOnce = 1,     ///< until an iteration had events (a task from another thread counts as one)
@@ -24,9 +25,9 @@ enum EventLoopMode : int32_t {
 
 /// A larger number runs earlier within one batch of tasks; any number is taken.
 enum TaskPriority : int32_t {
-    kPriorityLow = 0,
-    kPriorityNormal = 1,
-    kPriorityHigh = 2,
+    kPriorityLow = 0,     ///< behind all others of the batch
+    kPriorityNormal = 1,  ///< of every task that is queued without one
+    kPriorityHigh = 2,    ///< before all others but the "first" tasks
 };
 
 /// The reactor: polls the channels of one thread, runs the tasks that any thread queues, and keeps
@@ -38,8 +39,13 @@ enum TaskPriority : int32_t {
 /// survive fork.
 class ORBEL_API EventLoop {
 public:
+    /// What an empty one throws counts as the task's own exception. A queued one is destroyed in
+    /// the thread of the loop, after the batch that it ran in.
     using TaskFunction = std::function<void()>;
 
+    /// A loop for the calling thread. Ends the process if the system has no descriptor for the
+    /// poller or the wake-up; without one for the timers there is an error line, and timers never
+    /// fire.
     EventLoop();
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
@@ -53,22 +59,33 @@ public:
     /// Asks a running loop to end after its present iteration. Forgotten by the next loop().
     void quit();
 
+    /// Between the begin and the end of loop().
     bool isRunning() const;
+    /// From quit() to the begin of the next loop().
     bool isQuitting() const;
+    /// Whether the caller is the thread that constructed the loop, running or not.
     bool isInLoopThread() const;
 
+    ///@{
     /// Only while the loop does not run (asserted). `timeoutMs` is the run time of kLoopTimed.
     void setMode(EventLoopMode mode);
     void setTimeout(int64_t timeoutMs);
+    ///@}
+    ///@{
+    /// As set, kLoopForever and 0 at first.
     EventLoopMode getMode() const;
     int64_t getTimeout() const;
+    ///@}
     /// Milliseconds since loop() began, 0 while it does not run.
     int64_t getRunningTime() const;
 
+    /// Tasks that wait, without those of the batch that runs.
     size_t getPendingTaskCount() const;
     /// Tasks that returned; those that threw do not count.
     uint64_t getTotalTasksExecuted() const;
+    /// All that were queued since the last reset; tasks that a run function ran at once are none.
     uint64_t getTotalTasksQueued() const;
+    /// Puts both totals to 0; tasks that wait count as executed later, not as queued.
     void resetTaskStatistics();
 
     /// For Channel: loop thread only. False if the poller refused.
@@ -76,26 +93,35 @@ public:
     /// As updateChannel; the channel gets no further event of the present iteration.
     bool removeChannel(Channel* channel);
 
+    ///@{
     /// Queue a task for the next batch. What a queued task throws is logged, and the task does not
     /// count as executed. "First" tasks precede all others, whatever the priority.
     void queueInLoop(TaskFunction task);
     void queueInLoop(TaskFunction task, TaskPriority priority);
     void queueInLoopFirst(TaskFunction task);
+    ///@}
 
+    ///@{
     /// In the loop's thread the task runs before the call returns, past any queue, and what it
     /// throws reaches the caller; from another thread it is queued.
     void runInLoop(TaskFunction task);
     void runInLoop(TaskFunction task, TaskPriority priority);
     void runInLoopFirst(TaskFunction task);
+    ///@}
 
+    ///@{
     /// The condition is asked once, when the task's turn has come; if it says no, the task is
     /// dropped.
     void queueInLoopWhen(TaskFunction task, std::function<bool()> condition);
     void runInLoopWhen(TaskFunction task, std::function<bool()> condition);
+    ///@}
 
-    /// All tasks under one lock and with one wake-up, in their order.
+    ///@{
+    /// All tasks under one lock and with one wake-up, in their order. In the loop's thread,
+    /// runBatchInLoop() runs them one by one, and an exception ends it.
     void queueBatchInLoop(const std::vector<TaskFunction>& tasks);
     void runBatchInLoop(const std::vector<TaskFunction>& tasks);
+    ///@}
 
     /// runInLoop with a result. The future holds what `function` returns or throws. It holds a
     /// broken promise if the loop is destroyed first, and is never ready if the loop just stops.
@@ -108,6 +134,7 @@ public:
     /// Fires `callback` in the loop after `delayMs` milliseconds, at least about 1; then, if
     /// `repeat` is set, again `delayMs` after each end of the callback. Returns an id above 0.
     unsigned long addTimer(std::function<void()> callback, int64_t delayMs, bool repeat);
+    /// addTimer() without repetition.
     unsigned long runInLoopAfter(std::function<void()> callback, int64_t delayMs);
     /// Nothing happens if the id is not known. Allowed in the timer's own callback.
     void cancelTimer(unsigned long id);

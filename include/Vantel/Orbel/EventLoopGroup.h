@@ -23,10 +23,10 @@ public:
     EventLoopGroup& operator=(const EventLoopGroup&) = delete;
     ~EventLoopGroup();
 
-    /// Both only while not started (asserted).
+    /// How many threads start() makes, 0 at first. Only while not started (asserted).
     void setThreadNum(size_t threadNum);
     /// With threads, `callback` runs in each of them; without, once in the base loop's thread, or
-    /// in the caller's if the base loop does not run.
+    /// in the caller's if the base loop does not run. Only while not started (asserted).
     void setThreadInitCallback(const ThreadInitCallback& callback);
 
     /// True if started, now or before. False, with nothing left running, if a thread could not
@@ -39,11 +39,16 @@ public:
     EventLoop* getNextLoop();
     /// The same loop for the same `hash` as long as the group stays up.
     EventLoop* getLoopForHash(size_t hash);
+    /// In the order of the threads' names; the base loop alone without threads, or if not started.
     std::vector<EventLoop*> getAllLoops() const;
 
+    /// From the begin of start(), so that an init callback finds it true, to stop().
     bool started() const;
+    ///@{
+    /// As set; the number is kept over stop().
     size_t threadNum() const;
     const std::string& name() const;
+    ///@}
 
 private:
     class ORBEL_LOCAL Internal;

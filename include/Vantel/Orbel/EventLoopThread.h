@@ -44,7 +44,9 @@ public:
 
     /// The loop, or null while there is none.
     EventLoop* getLoop() const;
+    /// From startLoop() until the loop has ended, by stop() or by itself.
     bool isRunning() const;
+    /// As given to the constructor, also where that was empty.
     const std::string& name() const;
 
 private:

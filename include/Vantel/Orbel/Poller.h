@@ -17,8 +17,10 @@ class EventLoop;
 /// Threads: the thread of the loop only; updateChannel, removeChannel and hasChannel assert it.
 class ORBEL_API Poller {
 public:
+    /// Channels, not owned.
     using ChannelList = std::vector<Channel*>;
 
+    /// `loop` outlives the poller.
     explicit Poller(EventLoop* loop);
     Poller(const Poller&) = delete;
     Poller& operator=(const Poller&) = delete;
@@ -39,6 +41,7 @@ public:
     /// True if this very channel is registered under its descriptor.
     virtual bool hasChannel(Channel* channel) const;
 
+    /// Ends the process if this is not the thread of the loop.
     void assertInLoopThread() const;
 
     /// The poller that an EventLoop uses: an EpollPoller.
@@ -51,6 +54,7 @@ protected:
                    ? mChannels[static_cast<size_t>(fd)]
                    : nullptr;
     }
+    /// Puts `channel`, which is not null, under `fd`, in place of one that is there.
     void storeChannel(int32_t fd, Channel* channel);
     /// How many entries went: 0 or 1.
     size_t eraseChannel(int32_t fd);
@@ -58,7 +62,7 @@ protected:
     /// Indexed by descriptor, null where nothing is registered: the kernel hands out the lowest
     /// free numbers, so this is dense, and the check of each event is one load.
     ChannelList mChannels;
-    size_t mChannelCount = 0;
+    size_t mChannelCount = 0;  ///< without the null entries
 
 private:
     EventLoop* mLoop;

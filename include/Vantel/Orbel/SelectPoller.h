@@ -11,6 +11,7 @@ namespace Vantel::Orbel {
 /// returned any.
 class ORBEL_API SelectPoller : public Poller {
 public:
+    /// Needs no descriptor of its own and cannot fail.
     explicit SelectPoller(EventLoop* loop);
     ~SelectPoller() override;
 

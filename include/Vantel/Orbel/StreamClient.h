@@ -31,7 +31,7 @@ public:
     StreamClient(const StreamClient&) = delete;
     StreamClient& operator=(const StreamClient&) = delete;
     /// As stop(). Destroy the client in the loop's thread or while the loop runs: otherwise its
-    /// connection stays open, silently, until the loop runs again or ends.
+    /// connection stays open, with a warning, until the loop runs again or ends.
     virtual ~StreamClient();
 
     /// Begins to connect. True if the attempt could be begun: that the connection stands is told
@@ -55,12 +55,14 @@ public:
     /// Retries failed attempts (see StreamConnector) and reconnects after a lost connection, until
     /// disconnect() or stop().
     void enableRetry();
+    /// Whether enableRetry() holds; disconnect() leaves it on, for the next connect().
     bool retry() const;
 
     /// The present connection, null if there is none.
     StreamConnectionPtr connection() const;
 
-    /// See StreamConnection for what each callback means.
+    ///@{
+    /// Of each connection from the next one on; see the callbacks of StreamConnection.
     void setConnectionCallback(const StreamConnectionCallback& callback);
     void setMessageCallback(const StreamMessageCallback& callback);
     void setReadableCallback(const StreamConnectionCallback& callback);
@@ -68,6 +70,7 @@ public:
     void setWriteCompleteCallback(const StreamConnectionCallback& callback);
     void setErrorCallback(const StreamErrorCallback& callback);
     void setCloseCallback(const StreamConnectionCallback& callback);
+    ///@}
 
     /// Makes the transport of each connection from its connected socket, for instance an encrypted
     /// one. A null result, with errno, loses that connection. Without a factory it is a plain one.
@@ -76,12 +79,17 @@ public:
             factory);
     /// Prepares each socket before it connects; false gives up, retries included.
     void setSocketSetupCallback(const std::function<bool(StreamSocket*)>& callback);
+    ///@{
     /// Limits in bytes for each connection; 0 leaves its default.
     void setMaxInputBufferSize(size_t sizeBytes);
     void setMaxOutputBufferSize(size_t sizeBytes);
+    ///@}
 
+    ///@{
+    /// As given to the constructor.
     EventLoop* getLoop() const;
     const std::string& name() const;
+    ///@}
     /// The address last connected to, invalid before.
     InetAddress serverAddr() const;
 

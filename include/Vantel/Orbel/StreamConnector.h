@@ -22,6 +22,7 @@ class StreamSocket;
 /// ends.
 class ORBEL_API StreamConnector {
 public:
+    /// Gets the connected socket, non-blocking, as its owner.
     using ConnectedCallback = std::function<void(std::unique_ptr<StreamSocket>)>;
     /// May prepare the socket before it connects. False, with errno, gives up for good.
     using SocketSetupCallback = std::function<bool(StreamSocket*)>;
@@ -48,6 +49,7 @@ public:
 
     /// Without a callback, the connected socket is closed.
     void setConnectedCallback(const ConnectedCallback& callback);
+    /// See SocketSetupCallback; called for each attempt, retries included.
     void setSocketSetupCallback(const SocketSetupCallback& callback);
     /// Off at first. A retry whose delay runs already is still made.
     void setRetry(bool retry);

@@ -36,7 +36,7 @@ public:
     StreamServer(const StreamServer&) = delete;
     StreamServer& operator=(const StreamServer&) = delete;
     /// As stop(). Destroy the server in the base loop's thread or while that loop runs: otherwise
-    /// listener and connections stay open, silently, until their loops run again or end.
+    /// listener and connections stay open, with a warning, until their loops run again or end.
     virtual ~StreamServer();
 
     /// Binds the address; see Acceptor::initial. False with a log line, and errno, on failure.
@@ -56,9 +56,12 @@ public:
     /// A group to share, which the caller starts before start() and stops after stop(); null goes
     /// back to the own one. Ignored with a warning once started.
     void setWorkGroup(EventLoopGroup* group);
-    /// For the own group, before start (asserted); ignored with a warning on a shared one.
+    ///@{
+    /// See EventLoopGroup. For the own group, before start (asserted); ignored with a warning on a
+    /// shared one.
     void setWorkThreadNum(size_t threadNum);
     void setThreadInitCallback(const ThreadInitCallback& callback);
+    ///@}
 
     /// Makes the transport of each connection from its socket, for instance an encrypted one. A
     /// null result, with errno, loses that connection. Without a factory it is a plain one.
@@ -71,11 +74,14 @@ public:
     void setSendBufferSize(size_t sizeBytes);
     /// Another name for setSendBufferSize.
     void setOutputReserve(size_t sizeBytes);
+    ///@{
     /// Limits in bytes for each connection; 0 leaves its default.
     void setMaxInputBufferSize(size_t sizeBytes);
     void setMaxOutputBufferSize(size_t sizeBytes);
+    ///@}
 
-    /// See StreamConnection for what each callback means.
+    ///@{
+    /// Of each connection from the next one on; see the callbacks of StreamConnection.
     void setConnectionCallback(const StreamConnectionCallback& callback);
     void setMessageCallback(const StreamMessageCallback& callback);
     void setReadableCallback(const StreamConnectionCallback& callback);
@@ -83,11 +89,16 @@ public:
     void setWriteCompleteCallback(const StreamConnectionCallback& callback);
     void setErrorCallback(const StreamErrorCallback& callback);
     void setCloseCallback(const StreamConnectionCallback& callback);
+    ///@}
 
+    /// From a successful start() to stop().
     bool started() const;
+    /// As given to the constructor.
     const std::string& name() const;
-    /// The address really bound, with the port that the kernel chose.
+    /// The address really bound, with the port that the kernel chose. Invalid before initial(), and
+    /// as it was after stop().
     const InetAddress& listenAddr() const;
+    /// The base loop.
     EventLoop* getLoop() const;
     /// Falls once the base loop has heard of a close.
     size_t connectionCount() const;

@@ -11,6 +11,7 @@ namespace Vantel::Orbel {
 /// A StreamClient for IPv4 and IPv6 addresses.
 class ORBEL_API TcpClient : public StreamClient {
 public:
+    /// As StreamClient.
     TcpClient(EventLoop* loop, const std::string& name);
     ~TcpClient() override;
 
@@ -19,6 +20,7 @@ public:
     /// no address of the wanted family.
     bool connect(const std::string& host, uint16_t port, int32_t timeoutMs, bool ipv6);
 
+    /// IPv4 and IPv6 addresses.
     bool checkServerAddress(const InetAddress& addr) const override;
 };
 

@@ -10,10 +10,14 @@ namespace Vantel::Orbel {
 /// A StreamServer for Unix domain addresses.
 class ORBEL_API UnixServer : public StreamServer {
 public:
+    ///@{
+    /// As StreamServer.
     UnixServer(EventLoop* loop, const std::string& name);
     UnixServer(EventLoop* loop, const std::string& name, EventLoopGroup* group);
+    ///@}
     ~UnixServer() override;
 
+    /// Unix addresses.
     bool checkListenAddress(const InetAddress& addr) const override;
 };
 
