@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// What is visible outside of the library.
+
 /// Marks what the shared library exports; everything else in it is hidden.
 #define ORBEL_API __attribute__((visibility("default")))
 

@@ -27,6 +27,7 @@ public:
     /// Gets the level, the line (terminated) and its length in bytes.
     using LineDelegate = Orbel::TDelegate<void, LoggerLevel, const char*, int>;
 
+    /// Any thread, at any time; see init().
     static ILogger* instance();
 
     virtual ~ILogger() = default;

@@ -6,6 +6,9 @@
 #include "Vantel/Export.h"
 #include "Vantel/ILogger.h"
 
+/// @file
+/// A limiter for repeated log messages, and macros that ask it.
+
 namespace Vantel {
 
 /// Says whether a message of a call site may go out now, so that a message in a hot loop does not
@@ -21,6 +24,7 @@ namespace Vantel {
 /// file name, the lock and a lookup; it allocates only the record. The limiter is never destroyed.
 class ORBEL_API LoggerLimit {
 public:
+    /// Any thread, at any time.
     static LoggerLimit& instance();
 
     LoggerLimit(const LoggerLimit&) = delete;
@@ -62,6 +66,7 @@ private:
 
 }  // namespace Vantel
 
+///@{
 /// One line through ILogger if the limiter lets it out. After the limit come the arguments of
 /// ILogger::print(); they are evaluated only for a line that goes out. The site is the line of the
 /// source: two macros on one line share their counters.
@@ -84,6 +89,7 @@ private:
     ORBEL_LOG_LIMITED_BY(checkEveryLimit, every, level, tag, __VA_ARGS__)
 #define ORBEL_LOG_LIMIT_AFTER(after, level, tag, ...) \
     ORBEL_LOG_LIMITED_BY(checkAfterLimit, after, level, tag, __VA_ARGS__)
+///@}
 
 /// What the four macros above share; not for direct use.
 #define ORBEL_LOG_LIMITED_BY(check, limit, level, tag, ...)                         \

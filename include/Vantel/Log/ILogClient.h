@@ -52,8 +52,11 @@ public:
     virtual bool deinit() = 0;
     /// Always true. See ologSetGcoreCallback().
     virtual bool setGcoreCallback(GcoreCallback callback, void* user) = 0;
+    ///@{
+    /// The level below which print() drops lines, 3 at first. Any number is taken; always true.
     virtual bool setLogLevel(int level) = 0;
     virtual int getLogLevel() = 0;
+    ///@}
     /// Formats a line with a head of its own and sends it. The whole packet's size, 0 for a line
     /// that is not wanted, -1 for one that is lost.
     virtual int print(int level, const char* format, ...) __attribute__((format(printf, 3, 4))) = 0;

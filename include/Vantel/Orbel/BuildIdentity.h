@@ -2,9 +2,10 @@
 
 #include "Vantel/Export.h"
 
-namespace Vantel::Orbel {
+/// @file
+/// All texts live as long as the library. Any thread may ask.
 
-// All texts live as long as the library. Any thread may ask.
+namespace Vantel::Orbel {
 
 /// Always "..": the three version fields, joined. This library carries no version number in its
 /// binary; getBuildInfo() tells one build from another.

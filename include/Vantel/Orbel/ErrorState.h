@@ -5,14 +5,15 @@
 #include "Vantel/Export.h"
 #include "Vantel/Orbel/TDelegate.h"
 
-namespace Vantel::Orbel {
+/// @file
+/// The last error number of each thread, and the error texts of the process. A module's code has
+/// the number of the module in its high 16 bits and the module's own number in the low ones; other
+/// codes are small plain numbers. 0 is no error.
+///
+/// Threads: all of these from any thread, but setErrorMsgProc(), which belongs to the start of the
+/// process.
 
-// The last error number of each thread, and the error texts of the process. A module's code has
-// the number of the module in its high 16 bits and the module's own number in the low ones; other
-// codes are small plain numbers. 0 is no error.
-//
-// Threads: all of these from any thread, but setErrorMsgProc(), which belongs to the start of the
-// process.
+namespace Vantel::Orbel {
 
 /// Sets the number of the calling thread.
 ORBEL_API void setLastErrno(int error);

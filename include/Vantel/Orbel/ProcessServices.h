@@ -4,22 +4,24 @@
 
 #include "Vantel/Export.h"
 
+/// @file
+/// Threads: all of these from any thread, except for the environment: setEnvVariable() must not run
+/// beside anything that reads or writes it.
+
 namespace Vantel::Orbel {
 
-/// The counters of the first line of /proc/stat, in clock ticks since boot.
+/// The counters of the first line of /proc/stat, in clock ticks since boot: the time of all
+/// processors together.
 struct CPUInfo {
-    uint64_t user;
-    uint64_t nice;
-    uint64_t system;
-    uint64_t idle;
-    uint64_t iowait;
-    uint64_t irq;
-    uint64_t softirq;
-    uint64_t steal;
+    uint64_t user;     ///< in programs
+    uint64_t nice;     ///< in programs of lower priority
+    uint64_t system;   ///< in the kernel
+    uint64_t idle;     ///< nothing to do
+    uint64_t iowait;   ///< nothing to do but to wait for a disk
+    uint64_t irq;      ///< in interrupts
+    uint64_t softirq;  ///< in what interrupts leave for later
+    uint64_t steal;    ///< taken by other virtual machines
 };
-
-// Threads: all of these from any thread, except for the environment: setEnvVariable() must not run
-// beside anything that reads or writes it.
 
 /// Runs `command` in /bin/sh and waits for its end. The raw wait status (see waitpid), -1 if that
 /// fails, 1 for null. The command gets no descriptor but standard input, output and error.
@@ -44,6 +46,7 @@ ORBEL_API int getMemoryUsage();
 /// Processors that are online.
 ORBEL_API int getCpuNum();
 
+/// Asked of the kernel at each call, so right in a forked child too.
 ORBEL_API int getProcessId();
 
 /// In bytes.
