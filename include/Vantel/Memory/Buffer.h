@@ -11,6 +11,7 @@ namespace Vantel::Memory {
 /// from getData() is good until the body grows.
 class ORBEL_API Buffer {
 public:
+    /// The body lies between head and tail and alone grows.
     enum Zone { kHead = 0, kBody = 1, kTail = 2 };
 
     Buffer();

@@ -26,6 +26,7 @@ struct MemoryOperator {
     Orbel::TDelegate<void*, void*, const void*, unsigned long> memcpy;
 };
 
+/// Sizes for initializeMemory(), which checks them under every policy.
 struct MemoryParameter {
     int32_t totalSize;  ///< bytes in the region of the buddy policies, a multiple of chunkSize
     int32_t

@@ -14,6 +14,7 @@ namespace Vantel::Memory {
 /// Threads: all methods, from any thread.
 class ORBEL_API MemoryManager {
 public:
+    /// The same object under every policy.
     static MemoryManager* instance();
 
     /// Bytes under management. 0xFFFFFFFF with the system policy, which doesn't know; the thread's

@@ -40,10 +40,12 @@ public:
     /// and the thread's last error is 10.
     Packet(const Packet& other, int offset, int size, int extraSize);
 
+    ///@{
     /// Wraps `buffer` of the caller. When the block goes, `freeFn` (may be empty) gets the buffer,
     /// its size() and the extra data. Each packet may be the last: any thread may call it.
     Packet(void* buffer, int size, FreeFunction freeFn);
     Packet(void* buffer, int size, int extraSize, FreeFunction freeFn);
+    ///@}
 
     /// A block whose buffer is named later, by putBuffer(). When the block goes, and if it was
     /// named, `freeFn` (may be empty) gets `context`, the capacity and the extra data. With the
@@ -52,11 +54,13 @@ public:
 
     virtual ~Packet();
 
+    /// Lets go of its own block and shares that of `other`.
     Packet& operator=(const Packet& other);
 
     /// Lets go of the block: an invalid packet remains.
     void reset();
 
+    /// Whether there is a block, with or without a buffer.
     bool valid() const;
 
     /// Appends up to `size` bytes behind size(), as far as capacity() goes; returns how many. Note
@@ -68,17 +72,21 @@ public:
     /// where there is no buffer.
     uint8_t* getBuffer() const;
 
+    ///@{
     /// Bytes in use, and those there are; 0 for an invalid packet.
     int size() const;
     int capacity() const;
+    ///@}
 
     /// Sets the bytes in use; false, with nothing changed, above capacity() or for an invalid
     /// packet.
     bool resize(size_t size);
 
-    /// The extra data, null if there is none.
+    ///@{
+    /// The extra data and their bytes; null and 0 if there are none.
     void* getExtraData() const;
     int getExtraSize() const;
+    ///@}
 
 private:
     MemoryInternal* mInternal;  // null in an invalid packet

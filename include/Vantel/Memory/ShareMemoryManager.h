@@ -18,8 +18,11 @@ namespace Vantel::Memory {
 /// Threads: loadMemPool() and createMemPool() from any thread; the setters before either.
 class ORBEL_API ShareMemoryManager {
 public:
+    ///@{
+    /// As malloc() and free() of the C library.
     using Allocate = void* (*)(size_t sizeBytes);
     using Release = void (*)(void* memory);
+    ///@}
     /// Maps the segment of `key`, making it if `flags` holds 0x200; null on failure.
     using SegmentGet = void* (*)(const char* key, int32_t size, int32_t flags);
     /// Unmaps `addr` (`how` 1) or removes the segment of `key` (`how` 2); 0, or negative.
@@ -49,9 +52,11 @@ public:
     /// a failed assertion.
     void releaseMemPool();
 
-    /// In bytes. Without a pool the process ends (assertion), here and in dumpInfo().
+    ///@{
+    /// In bytes; always true. Without a pool the process ends (assertion), here and in dumpInfo().
     bool getMemFreeSize(uint32_t& size);
     bool getMemSize(uint32_t& size);
+    ///@}
 
     /// Logs the free blocks.
     void dumpInfo();

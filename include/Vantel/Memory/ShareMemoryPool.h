@@ -24,6 +24,7 @@ struct SmallMemory;
 /// Threads: all methods from any thread of any attached process.
 class ORBEL_API ShareMemoryPool {
 public:
+    /// What a pool is created with; who attaches takes the sizes from the pool.
     struct Param {
         uint32_t type;       ///< 0, the only kind
         uint32_t dataSize;   ///< bytes of the data segment

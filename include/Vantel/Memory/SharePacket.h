@@ -23,6 +23,7 @@ class Packet;
 /// filled by one thread before it is handed on.
 class ORBEL_API SharePacket {
 public:
+    /// How initialPacket() comes to the pool. The sizes are for role 1.
     struct Param {
         uint32_t poolType;   ///< 0, the only kind
         uint32_t role;       ///< 0: attach to the pool of the machine; 1: create it
@@ -32,6 +33,7 @@ public:
         uint32_t debugMode;  ///< see ShareMemoryPool::Param; packets need 0
     };
 
+    /// Holds nothing itself: the pool outlives it.
     static SharePacket* instance();
 
     /// Creates the pool or attaches to it. False, with an error line, on failure; error number 1
