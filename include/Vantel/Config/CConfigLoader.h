@@ -42,14 +42,18 @@ public:
     /// empty path, with 0x10060001 if it could not be written.
     bool saveConfig(const char* path, const Json::Value& value);
 
+    ///@{
     /// The steps of loadConfig() and saveConfig(), without a look at the switch and without error
     /// numbers.
     bool readConfig(const char* path, Json::Value& out);
     bool writeConfig(const char* path, const Json::Value& value);
+    ///@}
 
+    ///@{
     /// Always false.
     bool readSecretConfig(const char* path, Json::Value& out);
     bool writeSecretConfig(const char* path, const Json::Value& value);
+    ///@}
 
     /// Reads a file of any content, which must not be empty. False, with `out` untouched, if it
     /// cannot be opened, is empty or has more than 2 GiB; false with an empty `out` if it could not

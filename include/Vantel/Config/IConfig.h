@@ -85,6 +85,7 @@ public:
     /// `name` is its name. False if they were not taken, which is the default.
     virtual bool importConfig(const char* userId, const char* name, const Json::Value& value);
 
+    /// As given to the constructor.
     const std::string& getConfigName() const;
 
     /// A copy of the value at `name`; Null if there is none or the document is not initialised.

@@ -39,12 +39,14 @@ public:
     static bool writeINIFile(const char* file, const std::map<std::string, std::string>& values,
                              const char* section);
 
-    // Inert: they are there for their places in the virtual table. True, and an empty text.
+    ///@{
+    /// Inert: they are there for their places in the virtual table. True, and an empty text.
     virtual bool read() = 0;
     virtual bool write() = 0;
     virtual const std::string& getValue(const char* key) = 0;
     virtual bool setValue(const char* key, const char* value) = 0;
     virtual bool removeValue(const char* key) = 0;
+    ///@}
 
     virtual ~INIParser() = default;  // behind the others in the virtual table, unlike elsewhere
 };

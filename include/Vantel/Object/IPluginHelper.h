@@ -26,6 +26,7 @@ namespace Vantel::Object {
 /// plug-in run, which may call all of this themselves.
 class ORBEL_API IPluginHelper {
 public:
+    /// Never destroyed; at the end of the process it lets go of what it holds.
     static IPluginHelper* instance();
 
     IPluginHelper() = default;
