@@ -25,6 +25,7 @@ namespace Vantel::Orbel {
 /// Threads: one object, one thread. The static operations from any thread.
 class ORBEL_API File {
 public:
+    /// What an offset counts from.
     enum SeekPosition : int { kBegin = 0, kCurrent = 1, kEnd = 2 };
 
     File();
@@ -62,6 +63,7 @@ public:
     /// unless the position is 0.
     virtual uint32_t seek(int offset, SeekPosition whence);
 
+    /// In bytes, as this object knows it; 0 if nothing is open.
     virtual uint32_t getPosition();
 
     /// In bytes; 0 if nothing is open.
@@ -74,6 +76,7 @@ public:
     /// Not negative on success, -1 on failure; 0 if nothing is open.
     virtual int puts(const char* text);
 
+    /// Whether there is a file, after load() too.
     virtual bool isOpen();
 
     /// Writes past the stream's buffer: flush() first what was written otherwise. Bytes written,
@@ -83,13 +86,19 @@ public:
     // What follows is false for a null or empty path, if it does not say otherwise, and on
     // failure; errno is set where a call to the system failed.
 
+    ///@{
+    /// As the system's calls of similar names, by way of the table of the (first) path: a
+    /// directory must be empty to be removed, and have a parent to be made.
     static bool rename(const char* from, const char* to);
     static bool remove(const char* path);
     static bool makeDirectory(const char* path);
     static bool removeDirectory(const char* path);
+    ///@}
     /// `mode` as for access(2).
     static bool access(const char* path, int mode);
+    /// Fills `info` on success only.
     static bool stat(const char* path, FileInfo& info);
+    /// access() with F_OK: false for a symbolic link that leads nowhere.
     static bool exist(const char* path);
 
     /// In bytes: what an ordinary user may still write, the whole, and what is free.

@@ -27,17 +27,22 @@ public:
     /// open until close().
     virtual bool findNextFile();
 
+    /// Ends a search; without one nothing happens. The entry that was found last can still be asked
+    /// about.
     virtual void close();
 
-    // Of the entry that was found last:
-
-    /// In bytes.
+    /// In bytes, of the entry that was found last, as all that follows.
     virtual int64_t getLength();
+    /// Without its directory.
     virtual std::string getFileName();
+    /// The directory as `pattern` told it, and the name.
     virtual std::string getFilePath();
+    ///@{
+    /// See the bits of FileInfo.
     virtual bool isReadOnly();
     virtual bool isDirectory();
     virtual bool isHidden();
+    ///@}
     /// Neither of these three.
     virtual bool isNormal();
 

@@ -40,6 +40,7 @@ public:
 
         virtual ~ICache() = default;  // behind the others in the virtual table, unlike elsewhere
     };
+    /// Shared by the cache and the application; the last one closes the file.
     using CachePtr = std::shared_ptr<ICache>;
 
     /// The cache of the process, which is never destroyed.
