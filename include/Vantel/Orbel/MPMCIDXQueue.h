@@ -29,19 +29,23 @@ public:
     /// The same for taking; `value` is left alone on failure.
     bool tryPop(int& value, int retries);
 
+    ///@{
     /// Waits up to `timeoutMs` milliseconds (`timeoutUs` microseconds) for a value; 0 or less makes
     /// two attempts without a wait. False once stopped, but a value that is there when a running
     /// wait is stopped is still taken. In blocking mode a push that falls between a consumer's look
     /// and its sleep does not wake it: it then sleeps until the time is up.
     bool popWithTimeout(int& value, int timeoutMs);
     bool popWithUsTimeout(int& value, long timeoutUs);
+    ///@}
 
     /// Refuses all further pushes and pops and wakes all waiters. There is no way back.
     void stop();
 
     /// A hint: false as soon as a producer has won its position.
     bool empty() const;
+    /// stop() was called.
     bool isStopped() const;
+    /// The `size` of the constructor.
     int capacity() const;
 
 private:

@@ -64,6 +64,7 @@ public:
     /// the domain's own threads, which it would wait for.
     virtual bool deInit() = 0;
 
+    /// As given to instance().
     virtual std::string domainName() const = 0;
 
     /// Closes the node `name` of this process and forgets it. False if there is none.

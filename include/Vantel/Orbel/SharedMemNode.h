@@ -38,14 +38,18 @@ public:
     /// A random number given at creation, another one for each node ever made; 0 after deInit().
     virtual unsigned long nodeId() const = 0;
 
+    ///@{
     /// Closes the channel and forgets it. False if the node has none of that name.
     virtual bool deleteReadChannel(const std::string& name) = 0;
     virtual bool deleteWriteChannel(const std::string& name) = 0;
+    ///@}
 
+    ///@{
     /// The node's channel of that name, made on first use; the caller then calls its init(). Null
     /// before the node's init().
     virtual std::shared_ptr<SharedMemReadChannel> newReadChannel(const std::string& name) = 0;
     virtual std::shared_ptr<SharedMemWriteChannel> newWriteChannel(const std::string& name) = 0;
+    ///@}
 };
 
 }  // namespace Vantel::Orbel

@@ -18,6 +18,7 @@ class SharedMemBuffer;
 /// even begin with a sample for 5 seconds loses that sample.
 class ORBEL_API SharedMemReadChannel {
 public:
+    /// Gets one sample, never null. A copy of the pointer keeps it beyond the call.
     using Callback = void(std::shared_ptr<SharedMemBuffer>&);
 
     virtual ~SharedMemReadChannel() = default;
@@ -30,6 +31,7 @@ public:
     /// hands stay valid, and are reported as long as the channel object lives.
     virtual bool close() = 0;
 
+    /// A hash of the name: the same in each process, and for the writers of the channel.
     virtual unsigned long channelId() const = 0;
 
     /// Registers the reader. False, with an error line, before init() or if the channel has 8 live

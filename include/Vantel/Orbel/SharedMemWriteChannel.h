@@ -41,6 +41,7 @@ public:
     /// given back as long as the channel object lives.
     virtual bool close() = 0;
 
+    /// A hash of the name: the same in each process, and for the readers of the channel.
     virtual unsigned long channelId() const = 0;
 
     /// Publishes the sample to the readers of this moment; each is told with one message, and sees
