@@ -6,6 +6,7 @@
 
 namespace Vantel::Orbel {
 
+/// Whom a CReadWriteMutex lets in first.
 enum RW_PRIORITY : int {
     kReadWriteDefault = 0,  ///< readers pass a waiting writer; a reader may enter again
     kReadWriteWriters = 1,  ///< a waiting writer keeps new readers out; no reader enters twice

@@ -17,9 +17,11 @@ public:
     CSpin& operator=(const CSpin&) = delete;
     ~CSpin();
 
+    /// Spins until the lock is free; true. A second time by its owner, that is for ever.
     bool enter() { return pthread_spin_lock(mInternal) == 0; }
     /// False at once if somebody holds the lock.
     bool tryEnter() { return pthread_spin_trylock(mInternal) == 0; }
+    /// Gives the lock back; true.
     bool leave() { return pthread_spin_unlock(mInternal) == 0; }
 
 private:

@@ -51,10 +51,13 @@ public:
     /// True once the thread has ended or was never started.
     bool isThreadOver();
 
+    ///@{
     /// The name as stored here; the kernel's name of the thread is another thing, see
     /// setCurrentThreadName(). Valid until setThreadName() or the end of the object.
     const char* getThreadName();
+    /// Replaces the stored name, by the rules of the constructor.
     void setThreadName(const char* name);
+    ///@}
 
     /// The kernel's thread id, -1 until the thread runs.
     int getThreadId();

@@ -9,6 +9,7 @@ namespace Vantel::Orbel {
 /// A CThread whose body is a delegate, and whose name the kernel knows, too (15 characters of it).
 class ORBEL_API CThreadLite : public CThread {
 public:
+    /// The body; gets the thread it runs in.
     using Proc = TDelegate<void, CThreadLite&>;
 
     /// `proc` is called once for each start and must watch looping(); what it is bound to outlives

@@ -12,6 +12,7 @@ namespace Vantel::Orbel {
 /// Threads: all methods from any thread. The object is never destroyed.
 class ORBEL_API CThreadManager {
 public:
+    /// Made at first use.
     static CThreadManager* instance();
 
     CThreadManager(const CThreadManager&) = delete;
@@ -29,6 +30,7 @@ public:
     /// The threads whose deadline has passed, each as "name(tid)"; true if there is any.
     bool getTimeoutThreadName(std::vector<std::string>& names);
 
+    /// Whether a running CThread has the kernel's id `tid`.
     bool hasThread(int tid);
 
 private:

@@ -21,6 +21,7 @@ public:
 
     /// No time yet.
     constexpr CTime() : SystemTime() {}
+    /// The fields as they are, not normalised.
     constexpr explicit CTime(const SystemTime& time) : SystemTime(time) {}
     /// Normalises its arguments, see normalizeTime().
     CTime(int year, int month, int day, int hour, int minute, int second, int millisecond);
@@ -65,9 +66,9 @@ public:
     /// the clock; its result doesn't matter. It may attach others. There is no way to detach it.
     static void attachModifyProc(TDelegate<bool, SystemTime> proc);
 
-    // The default format of the process, "yyyy-MM-dd HH:mm:ss" at first; for its letters see
-    // format(). Its first "y", "M" and "d" must stand in one of the orders of getDateFormat(), and
-    // one of ".", "/", "-" must occur: the program ends (fatal line and assertion) otherwise.
+    /// The default format of the process, "yyyy-MM-dd HH:mm:ss" at first; for its letters see
+    /// format(). Its first "y", "M" and "d" must stand in one of the orders of getDateFormat(), and
+    /// one of ".", "/", "-" must occur: the program ends (fatal line and assertion) otherwise.
     static void setFormatString(const char* format);
     /// 0 year, month, day; 1 month, day, year; 2 day, month, year.
     static int getDateFormat();
@@ -76,10 +77,12 @@ public:
     /// Of the default format: ".", else "/", else "-".
     static const char* getSeparator();
 
-    // What format() takes from its own format and not from the default one.
+    ///@{
+    /// What format() takes from its own format and not from the default one.
     static constexpr int kKeepSeparators = 1;
     static constexpr int kOwnDateOrder = 2;
     static constexpr int kOwnTwelveHour = 4;
+    ///@}
 
     /// Writes the time into `buffer`, with a zero at the end; its length is the caller's business.
     /// `flags` is a sum of the constants above; a null `format` is the default one. Runs of these
@@ -107,22 +110,26 @@ public:
     /// Becomes the local time of `ms` milliseconds since 1970 in UTC.
     void breakTime(uint64_t ms);
 
-    // Arithmetic goes over the fields as they are: no offset, no DST, so t + d - t is always d.
-    // What would lie outside 1970 to 9999 stops there. `isDst` is kept.
+    ///@{
+    /// Arithmetic goes over the fields as they are: no offset, no DST, so t + d - t is always d.
+    /// What would lie outside 1970 to 9999 stops there. `isDst` is kept.
     CTime operator+(long ms) const;
     CTime operator-(long ms) const;
     CTime& operator+=(long ms);
     CTime& operator-=(long ms);
-    /// The difference in milliseconds.
+    ///@}
+    /// The difference in milliseconds, over the fields as they are.
     long operator-(const CTime& other) const;
 
-    // Ordered by date and time of day; `wday`, `week` and `isDst` do not count.
+    ///@{
+    /// Ordered by date and time of day; `wday`, `week` and `isDst` do not count.
     bool operator==(const CTime& other) const { return compare(other) == 0; }
     bool operator!=(const CTime& other) const { return compare(other) != 0; }
     bool operator<(const CTime& other) const { return compare(other) < 0; }
     bool operator<=(const CTime& other) const { return compare(other) <= 0; }
     bool operator>(const CTime& other) const { return compare(other) > 0; }
     bool operator>=(const CTime& other) const { return compare(other) >= 0; }
+    ///@}
 
 private:
     int compare(const CTime& other) const;

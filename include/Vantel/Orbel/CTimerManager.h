@@ -9,6 +9,7 @@ namespace Vantel::Orbel {
 /// Threads: all methods from any thread.
 class ORBEL_API CTimerManager {
 public:
+    /// Never destroyed.
     static CTimerManager* instance();
 
     CTimerManager(const CTimerManager&) = delete;

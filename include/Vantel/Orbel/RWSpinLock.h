@@ -21,10 +21,12 @@ public:
 
     /// Waits until no writer is inside.
     void enterReading();
+    /// For who has entered; nobody checks.
     void leaveReading();
 
     /// Waits until nobody is inside.
     void enterWriting();
+    /// For who has entered; nobody checks.
     void leaveWriting();
 
 private:

@@ -18,6 +18,7 @@ public:
     SpinLock& operator=(const SpinLock&) = delete;
     virtual ~SpinLock();
 
+    /// Waits for the lock, without limit.
     void enter() {
         if (mInternal->locked.load(std::memory_order_relaxed) != 0 || !tryEnter()) {
             enterBusy();
@@ -27,6 +28,7 @@ public:
     /// False at once if somebody holds the lock.
     bool tryEnter() { return mInternal->locked.exchange(1) == 0; }
 
+    /// Gives the lock back; nobody checks that the caller has it.
     void leave() {
         // Release: what was written inside is seen by whose exchange finds the 0.
         mInternal->locked.store(0, std::memory_order_release);

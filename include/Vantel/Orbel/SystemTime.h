@@ -5,6 +5,12 @@
 
 #include "Vantel/Export.h"
 
+/// @file
+/// Offsets from UTC and daylight saving time are settings of the process (see CTime); they are set
+/// at its start. All functions here work in the Gregorian calendar and may be called from any
+/// thread. Records need not be normalised: fields outside their ranges count as normalizeTime()
+/// would leave them.
+
 namespace Vantel::Orbel {
 
 /// A calendar date and time.
@@ -20,11 +26,6 @@ struct ORBEL_API SystemTime {
     int isDst;        ///< 1 if daylight saving time was applied
     int week;         ///< week of the month, (day + 6) / 7; in a DST rule -1 is the last one
 };
-
-// Offsets from UTC and daylight saving time are settings of the process (see CTime); they are set
-// at its start. All functions below work in the Gregorian calendar and may be called from any
-// thread. Records need not be normalised: fields outside their ranges count as normalizeTime()
-// would leave them.
 
 /// Conversions no longer apply the offset from UTC.
 ORBEL_API void timezoneDisable();

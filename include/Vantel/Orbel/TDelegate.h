@@ -23,6 +23,7 @@ namespace Vantel::Orbel {
 template <class R, class... Args>
 class ORBEL_API TDelegate {
 public:
+    /// The plain functions that a delegate can hold.
     using Function = R (*)(Args...);
 
     /// An empty delegate.
@@ -37,6 +38,7 @@ public:
         }
     }
 
+    ///@{
     /// Binds `member`, virtual or not, to `object`: {object, &Class::member}. Null in either place
     /// gives an empty delegate.
     template <class Object, class Class>
@@ -47,7 +49,10 @@ public:
     TDelegate(Object* object, R (Class::*member)(Args...) const) {
         bind<const Class, R (Class::*)(Args...) const>(object, member);
     }
+    ///@}
 
+    ///@{
+    /// Copies compare equal and are called alike; a delegate that was moved from is empty.
     TDelegate(const TDelegate& other) noexcept
         : mTarget(other.mTarget),
           mKey(other.mKey),
@@ -62,6 +67,7 @@ public:
         swap(other);
         return *this;
     }
+    ///@}
     ~TDelegate() {
         if (mManager != nullptr) {
             mManager(this, nullptr, kDestroy);
@@ -79,11 +85,13 @@ public:
         mManager = nullptr;
     }
 
+    /// Bound to nothing.
     bool empty() const noexcept { return mInvoker == nullptr; }
 
     /// Calls the target. An empty delegate must not be called: test empty() first.
     R operator()(Args... args) const { return mInvoker(mTarget, std::forward<Args>(args)...); }
 
+    ///@{
     /// Equal: both empty, the same plain function, or the same member of the same object.
     friend bool operator==(const TDelegate& left, const TDelegate& right) noexcept {
         if (left.mInvoker != right.mInvoker) {
@@ -97,6 +105,7 @@ public:
     friend bool operator!=(const TDelegate& left, const TDelegate& right) noexcept {
         return !(left == right);
     }
+    ///@}
 
 private:
     using Invoker = R (*)(void* target, Args... args);

@@ -22,6 +22,7 @@ namespace Vantel::Orbel {
 template <class... Args>
 class ORBEL_API TSignal {
 public:
+    /// What is attached. Found again by comparison, so a bound object must not move.
     using Slot = TDelegate<void, Args...>;
 
     /// `threadSafe` false: no lock is taken, all calls come from one thread.

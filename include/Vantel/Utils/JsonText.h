@@ -10,6 +10,7 @@ class Value;
 
 namespace Vantel::Utils {
 
+///@{
 /// Parses a JSON document in the parser's strict mode: an object or an array, no comments. What
 /// follows its end is not looked at. False, with `value` null, for null, a `size` in bytes below 1,
 /// a text that is no such document, and one nested more than 1000 levels deep or too deep for the
@@ -19,10 +20,13 @@ namespace Vantel::Utils {
 /// destroyed (80): a thread with a small stack must not do that with a deep one it got elsewhere.
 ORBEL_API bool stringToJson(const char* text, int size, Json::Value& value);
 ORBEL_API bool stringToJson(const std::string& text, Json::Value& value);
+///@}
 
-/// The same, and true only for an object or an array.
+///@{
+/// As stringToJson(), and true only for an object or an array.
 ORBEL_API bool stringToJsonGroup(const char* text, int size, Json::Value& value);
 ORBEL_API bool stringToJsonGroup(const std::string& text, Json::Value& value);
+///@}
 
 /// Indented, or in one line; either ends in a newline. The name of a member is cut at a zero byte.
 ORBEL_API std::string jsonToString(const Json::Value& value, bool styled);

@@ -14,9 +14,11 @@ ORBEL_API float round(float value, int digits);
 /// `value` with `digits` decimals, cut to 63 characters.
 ORBEL_API std::string toPrecisionString(float value, int digits);
 
+///@{
 /// A JSON array of the values, without blanks or line ends. Always true.
 ORBEL_API bool floatVecToJsonString(const std::vector<float>& values, std::string& json);
 ORBEL_API std::string floatVecToJsonString(const std::vector<float>& values);
+///@}
 
 /// Base64 of the values' bit patterns as decimal numbers, one blank between two: exact, unlike
 /// decimal fractions. No values give an empty text. Always true.

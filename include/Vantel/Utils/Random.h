@@ -6,9 +6,10 @@
 
 #include "Vantel/Export.h"
 
-namespace Vantel::Utils {
+/// @file
+/// None of these is fit for secrets but createRandomUUID() and generateRandom().
 
-// None of these is fit for secrets but createRandomUUID() and generateRandom().
+namespace Vantel::Utils {
 
 /// A random identifier of RFC 4122 in lower case, 36 characters.
 ORBEL_API std::string createRandomUUID();

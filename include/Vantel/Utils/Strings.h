@@ -23,10 +23,12 @@ ORBEL_API bool replaceAllString(std::string& text, const std::string& from, cons
 /// Doubles every single quote, as inside an SQL string; adds none around it.
 ORBEL_API std::string quoteStr(const std::string& text);
 
+///@{
 /// Remove what leads, what trails, or both, of the characters in `chars`; in place, and returned.
 ORBEL_API std::string& leftTrim(std::string& text, const std::string& chars);
 ORBEL_API std::string& rightTrim(std::string& text, const std::string& chars);
 ORBEL_API std::string& trim(std::string& text, const std::string& chars);
+///@}
 
 /// Two capital hexadecimal digits per byte. Empty for null or a size below 1.
 ORBEL_API std::string binToHex(const char* data, int size);

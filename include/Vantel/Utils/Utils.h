@@ -1,7 +1,8 @@
 #pragma once
 
-// Free functions for encodings, checksums, identifiers, strings and JSON. All are free of shared
-// state and may be called from any thread, except as Random.h says.
+/// @file
+/// Free functions for encodings, checksums, identifiers, strings and JSON. All are free of shared
+/// state and may be called from any thread, except as Random.h says.
 
 #include "Vantel/Utils/Base64.h"
 #include "Vantel/Utils/Bits.h"
