@@ -19,7 +19,8 @@ class SharedMemNode;
 ///
 /// A domain keeps one thread for its control traffic and its checks of dead processes, and from the
 /// first asynchronous read on one more for the read callbacks. One process of the domain, the
-/// master, frees what dead processes left behind; another takes over when it dies.
+/// master, frees what dead processes left behind; another takes over when it dies, but not when it
+/// leaves and lives on: nobody frees anything then.
 ///
 /// What is left on the machine: "/dev/shm/shmipc_domain_<domain>", one
 /// "/dev/shm/shmipc_pool_<domain>_<pool>" a pool and one System V semaphore set a named lock.
