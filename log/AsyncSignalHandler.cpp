@@ -102,8 +102,9 @@ bool AsyncSignalHandler::start() {
         mRunning = false;
         return false;
     }
-    mPid = getpid();
-    servedProcess = mPid;
+    const pid_t self = getpid();
+    mPid = self;
+    servedProcess = self;
     return true;
 }
 

@@ -24,7 +24,7 @@ namespace Vantel::Log {
 /// async-signal-safe; a crash inside it hangs. The stack is that of the thread that is hit: its
 /// overflow is not reported.
 ///
-/// Threads: start() and stop() from one thread at a time, the rest from any.
+/// Threads: stop() from one at a time, beside no start(); the rest from any.
 ///
 /// Fork: a child that does not exec has no reporting thread. Signals take their default action
 /// there at once, and so they do after stop().
@@ -74,8 +74,8 @@ private:
     std::condition_variable mWorkCond;  // a record has been stored
     std::condition_variable mDoneCond;  // a record has been reported
     std::map<int, Report> mHandlers;
-    pid_t mPid = 0;          // whose reporting thread it is
-    sigset_t mReportMask{};  // the signals that are blocked during a report: the starter's
+    std::atomic<pid_t> mPid{0};  // whose reporting thread it is; asked before the lock is taken
+    sigset_t mReportMask{};      // the signals that are blocked during a report: the starter's
 };
 
 }  // namespace Vantel::Log

@@ -99,7 +99,8 @@ bool LogClientImpl::Internal::greet(ITransportLayer& transport, const Json::Valu
         std::printf("Error, write failed >>>>>>>>>>>>\n");
         return false;
     }
-    for (const Json::Value& wanted : config["subscribe"]) {
+    const Json::Value& subscribed = config["subscribe"];
+    for (const Json::Value& wanted : subscribed.isArray() ? subscribed : Json::Value()) {
         if (!wanted.isObject() || !wanted["moduleName"].isString()) {
             continue;
         }
