@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
-#include <deque>
 #include <random>
 #include <string>
 
@@ -23,7 +23,6 @@ signed char* chars(std::string& text) {
 TEST(ZonedBuffer, TheBodyGrowsAndTheOtherZonesKeepTheirBytes) {
     const int page = getpagesize();
     Buffer buffer;
-    EXPECT_FALSE(buffer.valid());
     EXPECT_EQ(buffer.getData(Buffer::kBody), nullptr);
     ASSERT_TRUE(buffer.initial(page, 4, 3));
     EXPECT_EQ(buffer.capacity(), 2 * page) << "a whole page gets one more";
@@ -40,11 +39,11 @@ TEST(ZonedBuffer, TheBodyGrowsAndTheOtherZonesKeepTheirBytes) {
     EXPECT_EQ(buffer.putData(buffer.getData(Buffer::kHead), 1, Buffer::kBody), 1) << "its own byte";
     EXPECT_EQ(buffer.capacity(), 4 * page) << "half as much again, a whole page gets one more";
     body += text.substr(0, 1);
+    EXPECT_EQ(buffer.size(Buffer::kBody), 2 * page - 6);
     EXPECT_EQ(std::memcmp(buffer.getData(Buffer::kBody), body.data(), body.size()), 0);
     EXPECT_EQ(std::memcmp(buffer.getData(Buffer::kHead), "012", 3), 0);
     EXPECT_EQ(std::memcmp(buffer.getData(Buffer::kTail), "012", 3), 0);
     EXPECT_EQ(buffer.getData(Buffer::kTail), buffer.getData(Buffer::kHead) + 4 * page - 3);
-    EXPECT_EQ(buffer.size(Buffer::kBody), 2 * page - 6);
 
     buffer.resize(Buffer::kBody);
     EXPECT_EQ(buffer.size(Buffer::kBody), 0);
@@ -74,8 +73,7 @@ TEST(ZonedBuffer, RefusesAreasWithoutABody) {
     }
     Buffer failed;
     EXPECT_FALSE(failed.initial(INT_MAX, 0, 0)) << "the rounded size is none";
-    EXPECT_EQ(failed.size(Buffer::kBody), 0);
-    EXPECT_EQ(failed.capacity(), 0);
+    EXPECT_EQ(failed.size(Buffer::kBody) + failed.capacity(), 0);
     EXPECT_FALSE(failed.initial(100, 0, 0)) << "the object has come to its end";
 }
 
@@ -118,41 +116,35 @@ TEST(BipBuffer, TheWriterMovesToTheLargerGap) {
 }
 
 TEST(BipBuffer, KeepsTheOrderOfBytes) {
+    const auto byteOf = [](int number) { return static_cast<uint8_t>(number + number / 256); };
     std::mt19937 random(7);
     for (const int capacity : {1, 2, 7, 64, 1000}) {
         SCOPED_TRACE(capacity);
         CBipBuffer ring;
         ASSERT_TRUE(ring.initial(capacity));
-        std::deque<uint8_t> model;
         int written = 0;
+        int read = 0;
         for (int turn = 0; turn < 20000; ++turn) {
             const int size = static_cast<int>(random() % static_cast<unsigned>(capacity + 1));
             if (random() % 2 == 0) {
                 uint8_t* place = ring.request(size);
                 ASSERT_EQ(place != nullptr, size <= ring.unused());
-                if (place != nullptr) {
-                    const int part = size - static_cast<int>(random() % 2) * size / 2;
-                    for (int i = 0; i < part; ++i) {
-                        place[i] = static_cast<uint8_t>(random());
-                        model.push_back(place[i]);
-                    }
-                    ASSERT_EQ(ring.commit(part), part);
-                    written += part;
+                const int part = place == nullptr ? 0 : size / static_cast<int>(1 + random() % 2);
+                for (int i = 0; i < part; ++i) {
+                    place[i] = byteOf(written++);
                 }
+                ASSERT_EQ(ring.commit(part), part);
             } else {
                 int available = 0;
-                uint8_t* seen = ring.peek(available);
-                ASSERT_EQ(seen == nullptr, model.empty());
+                const uint8_t* seen = ring.peek(available);
+                ASSERT_EQ(seen == nullptr, read == written);
                 const int part = std::min(size, available);
-                if (part > 0) {
-                    ASSERT_EQ(ring.poll(part), seen);
-                    for (int i = 0; i < part; ++i) {
-                        ASSERT_EQ(seen[i], model.front());
-                        model.pop_front();
-                    }
+                ASSERT_EQ(ring.poll(part), seen);
+                for (int i = 0; i < part; ++i) {
+                    ASSERT_EQ(seen[i], byteOf(read++));
                 }
             }
-            ASSERT_EQ(ring.used(), static_cast<int>(model.size()));
+            ASSERT_EQ(ring.used(), written - read);
             ASSERT_LE(ring.used() + ring.unused(), capacity);
         }
         EXPECT_GT(written, 1000) << "the ring got stuck";

@@ -1,10 +1,10 @@
-// A process with its own environment and its own end. The first argument selects what it does; it
-// prints a line for each step that the test looks at, and fatal log lines.
+// A process with its own environment and its own end. The argument selects what it does; it prints
+// a line for each step that the test looks at, and fatal log lines.
 
-#include <unistd.h>
-
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -18,38 +18,33 @@ namespace {
 using Vantel::ILogger;
 using Vantel::Memory::IMemoryPool;
 
-void printLine(ILogger::LoggerLevel, const char* line, int) {
-    const char* text = std::strchr(line, ']');
-    for (int i = 0; text != nullptr && i < 4; ++i) {
-        text = std::strchr(text + 1, ']');
-    }
-    std::printf("%s", text != nullptr ? text + 1 : line);
-    std::fflush(stdout);
-}
+constexpr size_t kBeyondRegion = 129 * 4096;
 
 IMemoryPool* const pool = IMemoryPool::instance();
+
+void printLine(ILogger::LoggerLevel, const char* line, int) {
+    std::printf("%s", line);
+    std::fflush(stdout);
+}
 
 void limit() {
     // The first region serves small blocks and large ones up to its size, whatever the limit.
     void* small = pool->allocate(100);
     void* whole = pool->allocate(100 * 4096);
-    void* beyond = pool->allocate(129 * 4096);
+    void* beyond = pool->allocate(kBeyondRegion);
     void* otherClass = pool->allocate(30 * 4096);
     std::printf("%d %d %d %d\n", small != nullptr, whole != nullptr, beyond != nullptr,
                 otherClass != nullptr);
-    void* kept = pool->reallocate(small, 1 << 20);
-    std::printf("%d\n", kept != nullptr);
-    pool->deallocate(small);
+    std::printf("%d\n", pool->reallocate(small, 1 << 20) != nullptr);
     pool->deallocate(whole);
 }
 
 void largeLimit() {
-    void* first = pool->allocate(129 * 4096);
-    void* second = pool->allocate(129 * 4096);
+    void* first = pool->allocate(kBeyondRegion);
+    void* second = pool->allocate(kBeyondRegion);
     std::printf("%d %d\n", first != nullptr, second != nullptr);
     pool->deallocate(first);
-    void* third = pool->allocate(129 * 4096);
-    std::printf("%d\n", third != nullptr);
+    std::printf("%d\n", pool->allocate(kBeyondRegion) != nullptr);
 }
 
 void threshold() {
@@ -78,19 +73,25 @@ void debugGood() {
                 pool->allocate(SIZE_MAX) == nullptr);
 }
 
-void overrun(int at, bool resize) {
+void* overrunBlock(int at) {
     auto* block = static_cast<char*>(pool->allocate(24));
     block[at] ^= 1;
     std::printf("written\n");
     std::fflush(stdout);
-    resize ? static_cast<void>(pool->reallocate(block, 48)) : pool->deallocate(block);
+    return block;
 }
 
-/// The process exits while a thread uses the pool, and static objects still hold blocks.
+int onStack = 0;
+
+/// Static objects still hold blocks when the process exits.
 struct LateUser {
     void* block = pool->allocate(100);
     ~LateUser() { pool->deallocate(block); }
 };
+
+void exitQuiet() {
+    static LateUser user;
+}
 
 void exitBusy() {
     static LateUser user;
@@ -102,41 +103,27 @@ void exitBusy() {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
+const std::map<std::string, void (*)()> roles = {
+    {"limit", &limit},
+    {"largeLimit", &largeLimit},
+    {"threshold", &threshold},
+    {"debugGood", &debugGood},
+    {"left", [] { pool->deallocate(overrunBlock(-1)); }},
+    {"right", [] { pool->deallocate(overrunBlock(24)); }},
+    {"rightResize", [] { pool->reallocate(overrunBlock(24), 48); }},
+    {"behindGuard", [] { pool->deallocate(overrunBlock(28)); }},
+    {"wild", [] { pool->deallocate(&onStack); }},
+    {"wildResize", [] { pool->reallocate(&onStack, 100); }},
+    {"exitQuiet", &exitQuiet},
+    {"exitBusy", &exitBusy},
+};
+
 }  // namespace
 
-int main(int argc, char** argv) {
-    const std::string role = argc > 1 ? argv[1] : "";
+int main(int, char** argv) {
     ILogger::instance()->init("helper", 4096);
     ILogger::instance()->setOutput(0);
     ILogger::instance()->attach(&printLine);
-    if (role == "limit") {
-        limit();
-    } else if (role == "largeLimit") {
-        largeLimit();
-    } else if (role == "threshold") {
-        threshold();
-    } else if (role == "debugGood") {
-        debugGood();
-    } else if (role == "left") {
-        overrun(-1, false);
-    } else if (role == "right") {
-        overrun(24, false);
-    } else if (role == "rightResize") {
-        overrun(24, true);
-    } else if (role == "behindGuard") {
-        overrun(28, false);
-    } else if (role == "wild") {
-        int onStack = 0;
-        pool->deallocate(&onStack);
-    } else if (role == "wildResize") {
-        int onStack = 0;
-        pool->reallocate(&onStack, 100);
-    } else if (role == "exitBusy") {
-        exitBusy();
-    } else if (role == "exitQuiet") {
-        static LateUser user;
-    } else {
-        return 2;
-    }
+    roles.at(argv[1])();
     return 0;
 }

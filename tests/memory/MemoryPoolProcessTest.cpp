@@ -11,69 +11,47 @@
 
 namespace {
 
-/// Sets a variable for the processes started while it lives; this one has read its own already.
-class Environment {
-public:
-    Environment(const char* name, const char* value) : mName(name) {
-        if (mName != nullptr) {
-            setenv(mName, value, 1);
-        }
-    }
-    Environment(const Environment&) = delete;
-    Environment& operator=(const Environment&) = delete;
-    ~Environment() {
-        if (mName != nullptr) {
-            unsetenv(mName);
-        }
-    }
-
-private:
-    const char* mName;
-};
-
 TEST(MemoryPoolProcess, EnvironmentAndEnd) {
+    const char* const kLimit = "MEMORY_PAGE_LIMITED";
+    const char* const kThreshold = "MEMORY_PAGE_FREE_THRESHOLD";
     const char* const kDebug = "VANTELOS_MEMORY_DEBUG";
     const struct {
         const char* role;
         const char* variable;
         const char* value;
-        std::vector<std::string> lines;  // the last one may only begin so
+        std::vector<std::string> lines;
         bool survives;
     } cases[] = {
-        {"limit", "MEMORY_PAGE_LIMITED", "1", {"1 1 0 0", "0"}, true},
-        {"limit", "MEMORY_PAGE_LIMITED", "0", {"1 1 1 1", "1"}, true},
-        {"largeLimit", "MEMORY_PAGE_LIMITED", "1", {"1 0", "1"}, true},
-        {"largeLimit", "MEMORY_PAGE_LIMITED", "129", {"1 1", "1"}, true},
-        {"threshold", nullptr, "", {"256"}, true},
-        {"threshold", "MEMORY_PAGE_FREE_THRESHOLD", "0", {"0"}, true},
-        {"threshold", "MEMORY_PAGE_FREE_THRESHOLD", "600", {"512"}, true},
+        {"limit", kLimit, "1", {"1 1 0 0", "0"}, true},
+        {"limit", kLimit, "0", {"1 1 1 1", "1"}, true},
+        {"largeLimit", kLimit, "1", {"1 0", "1"}, true},
+        {"largeLimit", kLimit, "129", {"1 1", "1"}, true},
+        {"threshold", kLimit, "0", {"256"}, true},
+        {"threshold", kThreshold, "0", {"0"}, true},
+        {"threshold", kThreshold, "600", {"512"}, true},
         {"debugGood", kDebug, "", {"1111111 1 1"}, true},
-        {"left", kDebug, "1", {"written", "[ThreadMemoryDebugPool:"}, false},
-        {"right", kDebug, "1", {"written", "[ThreadMemoryDebugPool:"}, false},
-        {"rightResize", kDebug, "1", {"written", "[ThreadMemoryDebugPool:"}, false},
+        {"left", kDebug, "1", {"written", "]Memory left overrun"}, false},
+        {"right", kDebug, "1", {"written", "]Memory right overrun"}, false},
+        {"rightResize", kDebug, "1", {"written", "]Memory right overrun"}, false},
         {"behindGuard", kDebug, "1", {"written"}, true},
-        {"wild", nullptr, "", {"[ThreadMemoryPool:"}, false},
-        {"wildResize", nullptr, "", {"[ThreadMemoryPool:"}, false},
-        {"exitBusy", nullptr, "", {}, true},
-        {"exitQuiet", nullptr, "", {}, true},
+        {"wild", kLimit, "0", {"]invalid object address 0x"}, false},
+        {"wildResize", kLimit, "0", {"]invalid object address 0x"}, false},
+        {"exitBusy", kLimit, "0", {}, true},
+        {"exitQuiet", kLimit, "0", {}, true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.role) + " " + c.value);
-        Environment environment(c.variable, c.value);
+        setenv(c.variable, c.value, 1);  // for the helper: this process has read its own already
         OrbelTest::HelperProcess helper("MemoryPoolHelper", {c.role});
-        std::string line;
+        unsetenv(c.variable);
         for (const std::string& expected : c.lines) {
+            std::string line;
             ASSERT_TRUE(helper.readLine(line)) << "no line " << expected;
-            EXPECT_EQ(line.substr(0, expected.size()), expected);
+            const bool logged = expected[0] == ']';  // the time and the place stand in front
+            EXPECT_TRUE(logged ? line.find(expected) != line.npos : line == expected) << line;
         }
         const int status = helper.wait();
         EXPECT_EQ(WIFEXITED(status) && WEXITSTATUS(status) == 0, c.survives) << status;
-        const std::string role = c.role;
-        const char* text = role == "left"              ? "]Memory left overrun"
-                           : role.starts_with("right") ? "]Memory right overrun"
-                           : role.starts_with("wild")  ? "]invalid object address 0x"
-                                                       : "";
-        EXPECT_NE(line.find(text), std::string::npos) << line;
     }
 }
 

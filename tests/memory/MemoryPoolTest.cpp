@@ -9,6 +9,7 @@
 #include <mutex>
 #include <random>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "memory/cache/CentralCache.h"
@@ -37,56 +38,47 @@ void inThread(Body&& body) {
     std::thread(body).join();
 }
 
-/// A block with what the model knows of it: each byte follows from the seed.
-struct Block {
-    uint8_t* data = nullptr;
-    size_t size = 0;
-    uint8_t seed = 0;
-
-    uint8_t expected(size_t i) const { return static_cast<uint8_t>(seed + i * 7 + (i >> 8)); }
-    void fill() const {
-        for (size_t i = 0; i < size; ++i) {
-            data[i] = expected(i);
-        }
-    }
-    size_t firstWrong(size_t count) const {
-        for (size_t i = 0; i < count; ++i) {
-            if (data[i] != expected(i)) {
-                return i;
-            }
-        }
-        return count;
-    }
-};
-
-/// Random work against the model. Blocks pass between threads through slots, which all share.
+/// Random work whose blocks all hold a piece of the same noise, so that a check is a comparison.
+/// They pass between threads through slots, which all share.
 class Model {
 public:
+    Model() : mNoise(kLargest + 256) {
+        std::mt19937 random(1);
+        std::generate(mNoise.begin(), mNoise.end(), [&random] { return random() % 256; });
+    }
+
     void work(unsigned seed, int steps) {
         std::mt19937 random(seed);
         for (int step = 0; step < steps; ++step) {
             Slot& slot = mSlots[random() % mSlots.size()];
             std::lock_guard<std::mutex> guard(slot.mutex);
-            if (slot.block.data == nullptr) {
-                make(slot.block, random);
+            if (slot.data == nullptr) {
+                make(slot, random);
             } else if (random() % 3 == 0) {
-                resize(slot.block, random);
+                resize(slot, random);
             } else {
-                drop(slot.block);
+                drop(slot);
             }
         }
     }
 
     void dropAll() {
         for (Slot& slot : mSlots) {
-            drop(slot.block);
+            drop(slot);
         }
     }
 
 private:
+    static constexpr size_t kLargest = size_t{1} << 20;
+
     struct Slot {
         std::mutex mutex;
-        Block block;
+        void* data = nullptr;
+        size_t size = 0;
+        const uint8_t* noise = nullptr;
+
+        void fill() const { std::memcpy(data, noise, size); }
+        void check(size_t count) const { EXPECT_EQ(std::memcmp(data, noise, count), 0); }
     };
 
     /// 0 to 1 MiB, as often small as large.
@@ -94,33 +86,35 @@ private:
         return random() % ((size_t{1} << random() % 21) + 1);
     }
 
-    void make(Block& block, std::mt19937& random) {
-        block.size = randomSize(random);
-        block.seed = static_cast<uint8_t>(random());
-        block.data = static_cast<uint8_t*>(mPool->allocate(block.size));
-        ASSERT_NE(block.data, nullptr);
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(block.data) % 8, 0u);
-        block.fill();
+    void make(Slot& slot, std::mt19937& random) {
+        slot.size = randomSize(random);
+        slot.noise = &mNoise[random() % 256];
+        slot.data = mPool->allocate(slot.size);
+        ASSERT_NE(slot.data, nullptr);
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(slot.data) % 8, 0u);
+        slot.fill();
     }
 
-    void resize(Block& block, std::mt19937& random) {
+    void resize(Slot& slot, std::mt19937& random) {
         const size_t size = randomSize(random);
-        block.data = static_cast<uint8_t*>(mPool->reallocate(block.data, size));
-        ASSERT_EQ(block.data == nullptr, size == 0);
-        const size_t kept = std::min(size, block.size);
-        EXPECT_EQ(block.firstWrong(kept), kept);
-        block.size = size;
-        block.fill();
+        slot.data = mPool->reallocate(slot.data, size);
+        ASSERT_EQ(slot.data == nullptr, size == 0);
+        if (size > 0) {
+            slot.check(std::min(size, slot.size));
+            slot.size = size;
+            slot.fill();
+        }
     }
 
-    void drop(Block& block) {
-        EXPECT_EQ(block.firstWrong(block.data == nullptr ? 0 : block.size),
-                  block.data == nullptr ? 0 : block.size);
-        mPool->deallocate(block.data);
-        block = Block();
+    void drop(Slot& slot) {
+        if (slot.data != nullptr) {
+            slot.check(slot.size);
+        }
+        mPool->deallocate(std::exchange(slot.data, nullptr));
     }
 
     IMemoryPool* const mPool = IMemoryPool::instance();
+    std::vector<uint8_t> mNoise;
     std::array<Slot, 400> mSlots;
 };
 
@@ -144,59 +138,34 @@ TEST(MemoryPool, RandomWorkKeepsEveryByteAndReturnsEverything) {
             thread.join();
         }
         EXPECT_GT(pagesInUse(), kThreshold) << "nothing to give back: the test shows nothing";
-        inThread([&model] { model.dropAll(); });
+        inThread([&model] { model.dropAll(); });  // by one that never allocated
         EXPECT_LE(pagesInUse(), kThreshold);
     }
 }
 
 TEST(MemoryPool, SizesAreRoundedToTheirClass) {
-    const struct {
-        size_t size;
-        size_t object;
-    } cases[] = {
-        {0, 8},
-        {1, 8},
-        {8, 8},
-        {9, 16},
-        {128, 128},
-        {129, 144},
-        {1024, 1024},
-        {1025, 1152},
-        {8192, 8192},
-        {8193, 9216},
-        {65536, 65536},
-        {65537, 17 * 4096},
-        {128 * 4096, 128 * 4096},
-        {128 * 4096 + 1, 129 * 4096},
-    };
-    inThread([&cases] {
+    inThread([] {
         IMemoryPool* pool = IMemoryPool::instance();
-        for (const auto& c : cases) {
-            SCOPED_TRACE(c.size);
-            void* block = pool->allocate(c.size);
+        const auto check = [pool](size_t size, size_t unit) {
+            void* block = pool->allocate(size);
             ASSERT_NE(block, nullptr);
-            EXPECT_EQ(objectSize(block), c.object);
-            std::memset(block, 0xA5, c.object);
+            ASSERT_EQ(objectSize(block), (std::max<size_t>(size, 1) + unit - 1) / unit * unit);
             pool->deallocate(block);
+        };
+        for (size_t size = 0; size <= 65536; ++size) {
+            check(size, size <= 128 ? 8 : size <= 1024 ? 16 : size <= 8192 ? 128 : 1024);
+        }
+        for (const size_t size : {65537, 128 * 4096, 128 * 4096 + 1}) {
+            check(size, 4096);
         }
         EXPECT_EQ(pool->allocate(SIZE_MAX), nullptr);
         EXPECT_EQ(pool->allocate(SIZE_MAX / 2), nullptr);
     });
-}
-
-TEST(MemoryPool, EveryClassHoldsWhatItsArithmeticSays) {
-    for (size_t size = 1; size <= SizeClass::kMaxSize; ++size) {
-        const size_t index = SizeClass::index(size);
-        ASSERT_GE(SizeClass::size(index), size);
-        ASSERT_LE(SizeClass::smallest(index), size);
-        if (size <= SizeClass::kMaxThreadSize) {
-            ASSERT_EQ(SizeClass::threadTag(size), index + 1);
-        }
-    }
     EXPECT_EQ(SizeClass::size(SizeClass::kFreeLists), 0u);
     EXPECT_DEATH(SizeClass::index(SizeClass::kMaxSize + 1), "index < kFreeLists");
+}
 
-    // A span's objects lie in it, side by side, and find back to their places.
+TEST(MemoryPool, ObjectsOfASpanFindBackToTheirPlaces) {
     for (size_t index = 0; index < SizeClass::kFreeLists; ++index) {
         SCOPED_TRACE(index);
         Span span;
@@ -285,22 +254,6 @@ TEST(MemoryPool, AThreadThatEndsGivesItsListsBackAndItsNodeOn) {
         EXPECT_EQ(currentNode, first);
         EXPECT_EQ(currentNode->cache.maxLength(0), 512u);
     });
-}
-
-TEST(MemoryPool, AThreadMayFreeWhatItNeverAllocated) {
-    void* blocks[3] = {};
-    inThread([&blocks] {
-        for (size_t i = 0; i < 3; ++i) {
-            blocks[i] = IMemoryPool::instance()->allocate(size_t{100} << (5 * i));
-        }
-    });
-    inThread([&blocks] {
-        for (void* block : blocks) {
-            IMemoryPool::instance()->deallocate(block);
-        }
-        IMemoryPool::instance()->deallocate(nullptr);
-    });
-    EXPECT_LE(pagesInUse(), kThreshold);
 }
 
 TEST(MemoryPool, PagesGoBackWhileTheThreadLives) {
