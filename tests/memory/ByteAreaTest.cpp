@@ -105,6 +105,11 @@ TEST(BipBuffer, TheWriterMovesToTheLargerGap) {
     ring.poll(3);
     EXPECT_TRUE(ring.empty());
     EXPECT_EQ(ring.unused(), 8) << "rewound";
+    ring.offer(bytes("abc"), 3);
+    ring.poll(2);
+    EXPECT_EQ(ring.offer(bytes("defg"), 4), 4);
+    EXPECT_EQ(ring.unused(), 2) << "after a write the front gap may be the larger one, too";
+    ring.reset();
     for (const int bad : {-1, INT_MIN}) {
         EXPECT_EQ(ring.offer(bytes("x"), bad) + ring.commit(bad), 0);
         EXPECT_EQ(ring.request(bad), nullptr);

@@ -312,6 +312,37 @@ TEST(MemoryPool, FreePagesMergeAcrossTheWholeRegion) {
         EXPECT_EQ(pagesInUse(), 128u) << "384 pages seemed free, more than the threshold";
         pages.releaseFree();
         EXPECT_EQ(pages.freePages(), 0u);
+
+        // The same after it was cut and joined again.
+        central.releasePages(central.allocatePages(128));
+        central.releasePages(central.allocatePages(40));
+        pages.releaseFree();
+        EXPECT_EQ(pages.freePages(), 0u);
+    });
+}
+
+TEST(MemoryPool, EmptySpansOfAClassKeepNoRegionAboveTheThreshold) {
+    inThread([] {
+        CentralCache& central = CentralCache::instance();
+        central.reclaim();
+        PageCache::instance().releaseFree();
+        Span* spans[6];
+        for (Span*& span : spans) {
+            span = central.allocatePages(120);
+        }
+        const size_t index = SizeClass::index(128);  // whose spans fill the rest of each region
+        void* objects[6][256];
+        for (auto& ofSpan : objects) {
+            ASSERT_EQ(central.fetch(index, 256, ofSpan), 256u);
+        }
+        for (auto& ofSpan : objects) {
+            central.releaseToSpans(index, ofSpan, 256);
+        }
+        EXPECT_EQ(PageCache::instance().freePages(), 48u);
+        for (Span* span : spans) {
+            central.releasePages(span);
+        }
+        EXPECT_LE(pagesInUse(), kThreshold);
     });
 }
 
