@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -16,6 +17,11 @@
 #include "net/StreamCallbacks.h"
 
 namespace Vantel::Orbel {
+
+/// An operation that a signal cut short is tried again.
+inline bool interrupted(const TransportResult& result) {
+    return result.status == TransportStatus::kError && result.error == EINTR;
+}
 
 /// The inside of a connection. Everything below happens in the loop's thread; what other threads
 /// read is atomic, stored by the loop's thread alone, and only a snapshot for them.
@@ -52,6 +58,7 @@ public:
     void connectDestroyed();
     void enterConnected(const StreamConnectionPtr& self);
     void handleHandshake(const StreamConnectionPtr& self);
+    void waitOrEnd(const StreamConnectionPtr& self, const TransportResult& result);
     void shutdown(const StreamConnectionPtr& self);
     void shutdownInLoop(const StreamConnectionPtr& self);
     void forceClose(const StreamConnectionPtr& self);
@@ -65,7 +72,7 @@ public:
     void readMessages(const StreamConnectionPtr& self);
     void drainInput(const StreamConnectionPtr& self);
     TransportResult readIntoInput(size_t length);
-    void readAgainWhenWritable();
+    void waitOrEndReading(const StreamConnectionPtr& self, const TransportResult& result);
     bool deliver(const StreamConnectionPtr& self);
     bool makeRoom(const StreamConnectionPtr& self, bool& pending);
     size_t maxInput() const { return mMaxInputBufferSize.load(std::memory_order_relaxed); }

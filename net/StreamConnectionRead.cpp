@@ -82,23 +82,15 @@ void StreamConnection::Internal::readMessages(const StreamConnectionPtr& self) {
             budget.spendBytes(length);
             continue;
         }
-        if (result.status == TransportStatus::kError && result.error == EINTR) {
+        if (interrupted(result)) {
             continue;
         }
-        if (result.status == TransportStatus::kClosed || result.status == TransportStatus::kError) {
-            if (pending && !deliver(self)) {
-                return;
-            }
-            if (result.status == TransportStatus::kClosed) {
-                handleClose(self);
-            } else {
-                handleError(self, result.error);
-            }
+        const bool ended =
+            result.status == TransportStatus::kClosed || result.status == TransportStatus::kError;
+        if (ended && pending && !deliver(self)) {
             return;
         }
-        if (result.status == TransportStatus::kWantWrite) {
-            readAgainWhenWritable();
-        }
+        waitOrEndReading(self, result);
         break;
     }
     if (pending && state() == kConnected) {
@@ -145,27 +137,14 @@ void StreamConnection::Internal::drainInput(const StreamConnectionPtr& self) {
     for (; mTransport && draining() && budget.left(); budget.spendOperation()) {
         const size_t length = std::min(budget.bytes(), kReadPiece);
         const TransportResult result = readIntoInput(length);
-        switch (result.status) {
-            case TransportStatus::kOk:
-                if (result.bytes < static_cast<int64_t>(length)) {
-                    return;
-                }
-                budget.spendBytes(length);
-                break;
-            case TransportStatus::kWantRead:
-                return;
-            case TransportStatus::kWantWrite:
-                readAgainWhenWritable();
-                return;
-            case TransportStatus::kClosed:
-                handleClose(self);
-                return;
-            case TransportStatus::kError:
-                if (result.error != EINTR) {
-                    handleError(self, result.error);
-                    return;
-                }
+        if (interrupted(result)) {
+            continue;
         }
+        if (result.status != TransportStatus::kOk || result.bytes < static_cast<int64_t>(length)) {
+            waitOrEndReading(self, result);
+            return;
+        }
+        budget.spendBytes(length);
     }
 }
 
@@ -175,9 +154,18 @@ TransportResult StreamConnection::Internal::readIntoInput(size_t length) {
     return mTransport->read(mInputBuffer.writableData(), length, 0);
 }
 
-void StreamConnection::Internal::readAgainWhenWritable() {
-    mReadWantsWrite = true;
-    setWriting(true);
+/// What stopped a series of reads: nothing more for now, the other direction to wait for, or an
+/// end.
+void StreamConnection::Internal::waitOrEndReading(const StreamConnectionPtr& self,
+                                                  const TransportResult& result) {
+    if (result.status == TransportStatus::kWantWrite) {
+        mReadWantsWrite = true;
+        setWriting(true);
+    } else if (result.status == TransportStatus::kClosed) {
+        handleClose(self);
+    } else if (result.status == TransportStatus::kError) {
+        handleError(self, result.error);
+    }
 }
 
 }  // namespace Vantel::Orbel

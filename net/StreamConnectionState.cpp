@@ -41,28 +41,36 @@ void StreamConnection::Internal::handleHandshake(const StreamConnectionPtr& self
         handleError(self, ENOTCONN);
         return;
     }
-    while (state() == kHandshaking) {
-        const TransportResult result = mTransport->handshake();
-        switch (result.status) {
-            case TransportStatus::kOk:
-                enterConnected(self);
-                return;
-            case TransportStatus::kWantRead:
-                setReading(true);
-                setWriting(false);
-                return;
-            case TransportStatus::kWantWrite:
-                setWriting(true);
-                return;
-            case TransportStatus::kClosed:
-                handleClose(self);
-                return;
-            case TransportStatus::kError:
-                if (result.error != EINTR) {
-                    handleError(self, result.error != 0 ? result.error : EIO);
-                    return;
-                }
-        }
+    TransportResult result;
+    do {
+        result = mTransport->handshake();
+    } while (interrupted(result) && state() == kHandshaking);
+    if (result.status == TransportStatus::kOk) {
+        enterConnected(self);
+    } else {
+        waitOrEnd(self, result);
+    }
+}
+
+/// What keeps a handshake or a shutdown from being done: the direction to wait for, or an end.
+void StreamConnection::Internal::waitOrEnd(const StreamConnectionPtr& self,
+                                           const TransportResult& result) {
+    switch (result.status) {
+        case TransportStatus::kOk:
+            return;
+        case TransportStatus::kWantRead:
+            setReading(true);
+            setWriting(false);
+            return;
+        case TransportStatus::kWantWrite:
+            setWriting(true);
+            return;
+        case TransportStatus::kClosed:
+            handleClose(self);
+            return;
+        case TransportStatus::kError:
+            handleError(self, result.error != 0 ? result.error : EIO);
+            return;
     }
 }
 
@@ -90,29 +98,16 @@ void StreamConnection::Internal::shutdownInLoop(const StreamConnectionPtr& self)
         handleClose(self);
         return;
     }
-    TransportResult result = mTransport->shutdownWrite();
-    while (result.status == TransportStatus::kError && result.error == EINTR) {
+    TransportResult result;
+    do {
         result = mTransport->shutdownWrite();
-    }
+    } while (interrupted(result));
     mShutdownPending =
         result.status == TransportStatus::kWantRead || result.status == TransportStatus::kWantWrite;
-    switch (result.status) {
-        case TransportStatus::kOk:
-            setWriting(false);  // the peer's end of file finishes the connection, see handleRead
-            return;
-        case TransportStatus::kWantRead:
-            setReading(true);
-            setWriting(false);
-            return;
-        case TransportStatus::kWantWrite:
-            setWriting(true);
-            return;
-        case TransportStatus::kClosed:
-            handleClose(self);
-            return;
-        case TransportStatus::kError:
-            handleError(self, result.error != 0 ? result.error : EIO);
-            return;
+    if (result.status == TransportStatus::kOk) {
+        setWriting(false);  // the peer's end of file finishes the connection, see handleRead
+    } else {
+        waitOrEnd(self, result);
     }
 }
 

@@ -111,7 +111,7 @@ ssize_t StreamConnection::Internal::sendInLoop(const iovec* vectors, int count, 
             handleClose(self);
             return fail(EPIPE);
         }
-        if (result.status == TransportStatus::kError && result.error != EINTR) {
+        if (result.status == TransportStatus::kError && !interrupted(result)) {
             const int error = result.error != 0 ? result.error : EIO;
             handleError(self, error);
             return fail(error);
@@ -156,7 +156,7 @@ void StreamConnection::Internal::flushOutput(const StreamConnectionPtr& self) {
             handleClose(self);
             return;
         }
-        if (result.status == TransportStatus::kError && result.error != EINTR) {
+        if (result.status == TransportStatus::kError && !interrupted(result)) {
             handleError(self, result.error != 0 ? result.error : EIO);
             return;
         }
@@ -164,7 +164,7 @@ void StreamConnection::Internal::flushOutput(const StreamConnectionPtr& self) {
         mOutputBuffer.consume(written);
         publishOutputSize();
         budget.spendBytes(written);
-        if (result.status == TransportStatus::kError) {
+        if (interrupted(result)) {
             continue;
         }
         if (result.status != TransportStatus::kOk || written < length) {
