@@ -1,6 +1,6 @@
 // Serves "hello" on a loopback port and prints the port. Then obeys its standard input: "hoard"
-// takes every descriptor up to a limit (argument), "free" gives them back, both answer with a
-// line that says what became of the connections so far.
+// takes every descriptor up to a low limit, "free" gives them back, both answer with a line that
+// says what became of the connections so far.
 
 #include <fcntl.h>
 #include <sys/resource.h>
@@ -8,14 +8,13 @@
 
 #include <atomic>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "StreamTestSupport.h"
 #include "Vantel/Orbel/Acceptor.h"
+#include "tests/net/StreamTestSupport.h"
 #include "tests/support/LogCapture.h"
 
 using namespace OrbelTest;
@@ -24,22 +23,19 @@ using Vantel::Orbel::UniqueFd;
 
 namespace {
 
-std::vector<UniqueFd> takeAllDescriptors(rlim_t limit) {
-    rlimit soft = {};
-    getrlimit(RLIMIT_NOFILE, &soft);
-    soft.rlim_cur = limit;
-    setrlimit(RLIMIT_NOFILE, &soft);
-    std::vector<UniqueFd> hoard;
-    for (int fd = 0; fd >= 0;) {
-        fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-        hoard.emplace_back(fd);
-    }
-    return hoard;
+void takeAllDescriptors(std::vector<UniqueFd>& hoard) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = 40;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    do {
+        hoard.emplace_back(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    } while (hoard.back().valid());
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main() {
     LogCapture log;
     LoopThread loop;
     std::atomic<int> accepted{0};
@@ -57,15 +53,11 @@ int main(int argc, char** argv) {
         acceptor->initial(InetAddress::createLoopback4(0), "", false);
         acceptor->listen();
     });
-    printf("%d\n", acceptor->listenAddr().toPort());
+    printf("%d\n", acceptor->listenAddr().toPort());  // no stream: the sanitizer needs a descriptor
     fflush(stdout);
     for (std::string line; std::getline(std::cin, line);) {
         loop.run([&] {  // after whatever the acceptor does just now
-            if (line == "hoard") {
-                hoard = takeAllDescriptors(static_cast<rlim_t>(argc > 1 ? atoi(argv[1]) : 64));
-            } else {
-                hoard.clear();
-            }
+            line == "hoard" ? takeAllDescriptors(hoard) : hoard.clear();
         });
         printf("dropped %d accepted %d\n",
                log.count("]Acceptor::handleRead - file descriptor exhausted"), accepted.load());

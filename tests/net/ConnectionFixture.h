@@ -3,25 +3,28 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "Vantel/Orbel/EventLoop.h"
 #include "Vantel/Orbel/NetBuffer.h"
 #include "Vantel/Orbel/StreamConnection.h"
 #include "Vantel/Orbel/StreamTransport.h"
 #include "Vantel/Orbel/UnixStreamSocket.h"
+#include "tests/net/LoopSupport.h"
+
+namespace OrbelTest {
+
+using Vantel::Orbel::NetBuffer;
+using Vantel::Orbel::StreamConnection;
+using Vantel::Orbel::StreamConnectionPtr;
+using Vantel::Orbel::StreamSocket;
+using Vantel::Orbel::UnixStreamSocket;
 
 /// A loop in the test's own thread, connections in it, and the other end of the last one. What the
 /// callbacks saw stands in `events`, in order.
 class ConnectionFixture : public testing::Test {
 protected:
-    using StreamConnectionPtr = Vantel::Orbel::StreamConnectionPtr;
-    using StreamConnection = Vantel::Orbel::StreamConnection;
-
     ~ConnectionFixture() override {
         for (const StreamConnectionPtr& connection : kept) {
             connection->connectDestroyed();
@@ -29,21 +32,22 @@ protected:
     }
 
     /// A socket pair; `far` is the other end of the one returned.
-    std::unique_ptr<Vantel::Orbel::UnixStreamSocket> makeNear() {
+    std::unique_ptr<StreamSocket> makeNear() {
         int fds[2] = {-1, -1};
         EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds), 0);
-        far = Vantel::Orbel::UnixStreamSocket(fds[1]);
+        far = UnixStreamSocket(fds[1]);
         mFarBytes.clear();
-        farEnded = false;
-        return std::make_unique<Vantel::Orbel::UnixStreamSocket>(fds[0]);
+        return std::make_unique<UnixStreamSocket>(fds[0]);
     }
 
     /// Sets callbacks that note what happens, and sees to an orderly end.
     StreamConnectionPtr keep(const StreamConnectionPtr& connection) {
+        events.clear();
         closes = 0;
         connection->setConnectionCallback([this](const auto&) { events += "connected "; });
         connection->setMessageCallback(
-            [this](const auto&, Vantel::Orbel::NetBuffer* buffer) { onMessage(buffer); });
+            [this](const auto&, NetBuffer* buffer) { onMessage(buffer); });
+        connection->setWriteCompleteCallback([this](const auto&) { ++completes; });
         connection->setErrorCallback(
             [this](const auto&, int error) { events += "error:" + std::to_string(error) + " "; });
         connection->setCloseCallback([this](const auto&) {
@@ -53,45 +57,39 @@ protected:
         kept.push_back(connection);
         return connection;
     }
-
     StreamConnectionPtr make() {
-        return keep(std::make_shared<StreamConnection>(
-            &loop, "test", std::unique_ptr<Vantel::Orbel::StreamSocket>(makeNear())));
+        return keep(std::make_shared<StreamConnection>(&loop, "test", makeNear()));
     }
-
     StreamConnectionPtr establish() {
         StreamConnectionPtr connection = make();
         connection->connectEstablished();
         return connection;
     }
 
-    /// Runs the loop until the condition holds; the last answer. Polled each millisecond.
     template <class Condition>
     bool runUntil(Condition&& condition, int deadlineMs = 30000) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(deadlineMs);
-        bool held = false;
-        const unsigned long timer = loop.addTimer(
-            [&] {
-                held = condition();
-                if (held || std::chrono::steady_clock::now() >= end) {
-                    loop.quit();
-                }
-            },
-            1, true);
-        loop.loop();
-        loop.cancelTimer(timer);
-        return held;
+        return OrbelTest::runUntil(loop, condition, deadlineMs);
+    }
+    bool runUntilClosed() {
+        return runUntil([this] { return closes > 0; });
+    }
+    /// Runs the loop until the far end meets the end of file.
+    bool runUntilFarEnds() {
+        return runUntil([this] { return receiveFar(), mFarEnded; });
     }
 
-    /// All that has come at the far end so far; sets `farEnded` at its end of file.
+    /// All that has come at the far end so far.
     const std::string& receiveFar() {
         char buffer[65536];
         ssize_t count = 0;
         while ((count = far.recv(buffer, sizeof buffer, 0)) > 0) {
             mFarBytes.append(buffer, static_cast<size_t>(count));
         }
-        farEnded = farEnded || count == 0;
+        mFarEnded = count == 0;
         return mFarBytes;
+    }
+    void sendFar(const std::string& text) {
+        ASSERT_EQ(far.send(text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
     }
 
     /// Bytes in which a lost, doubled or moved piece shows.
@@ -103,17 +101,17 @@ protected:
         return text;
     }
 
-    Vantel::Orbel::EventLoop loop;
-    Vantel::Orbel::UnixStreamSocket far{-1};
+    EventLoop loop;
+    UnixStreamSocket far{-1};
     std::vector<StreamConnectionPtr> kept;
     std::string events;
     bool consume = true;
-    bool farEnded = false;
     int closes = 0;
+    int completes = 0;
     size_t consumed = 0;
 
 private:
-    void onMessage(Vantel::Orbel::NetBuffer* buffer) {
+    void onMessage(NetBuffer* buffer) {
         events += "message:" + std::to_string(buffer->size()) + " ";
         if (consume) {
             consumed += buffer->size();
@@ -122,4 +120,7 @@ private:
     }
 
     std::string mFarBytes;
+    bool mFarEnded = false;
 };
+
+}  // namespace OrbelTest

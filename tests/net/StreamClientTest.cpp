@@ -5,18 +5,19 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "StreamTestSupport.h"
 #include "Vantel/Orbel/NetBuffer.h"
 #include "Vantel/Orbel/StreamConnection.h"
 #include "Vantel/Orbel/StreamSocket.h"
 #include "Vantel/Orbel/StreamTransport.h"
 #include "Vantel/Orbel/TcpClient.h"
 #include "Vantel/Orbel/UnixClient.h"
+#include "tests/net/StreamTestSupport.h"
 #include "tests/support/HelperProcess.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/WaitFor.h"
@@ -48,6 +49,12 @@ protected:
         return client;
     }
     bool connect() { return mClient->connect(mListener.addr(), 1000); }
+    /// Connects; the other end.
+    Peer meet() {
+        EXPECT_TRUE(connect());
+        EXPECT_TRUE(waitFor([&] { return mClient->connection() != nullptr; }));
+        return mListener.accept();
+    }
     bool connections(size_t wanted) {
         return waitFor([&] {
             std::lock_guard<std::mutex> guard(mMutex);
@@ -74,12 +81,11 @@ TEST_P(StreamClientTest, ConnectsOnceAtATimeAndNamesItsConnections) {
     EXPECT_TRUE(mLog.has("]StreamClient::connect failed: invalid server address " +
                          std::string(other == Family::Tcp ? "127.0.0.1:0" : "unix:")));
     for (size_t i = 1; i <= 2; ++i) {
-        ASSERT_TRUE(connect());
+        Peer peer = meet();
         ASSERT_TRUE(connections(i));
         EXPECT_EQ(mNames[i - 1], "chat:" + mListener.addr().toString() + "#" + std::to_string(i));
         EXPECT_FALSE(connect());
         EXPECT_EQ(errno, EISCONN);
-        Peer peer = mListener.accept();
         EXPECT_EQ(mClient->connection()->send("hi", 2), 2);
         EXPECT_EQ(peer.receive(2), "hi");
         peer.close();
@@ -91,9 +97,7 @@ TEST_P(StreamClientTest, ConnectsOnceAtATimeAndNamesItsConnections) {
 
 /// What is queued still arrives, and a peer that closes is not waited for.
 TEST_P(StreamClientTest, DisconnectSendsTheRestAndEndsWithThePeer) {
-    ASSERT_TRUE(connect());
-    Peer peer = mListener.accept();
-    ASSERT_TRUE(connections(1));
+    Peer peer = meet();
     mClient->enableRetry();
     const std::string large(1 << 20, 'x');
     EXPECT_EQ(mClient->connection()->send(large), static_cast<ssize_t>(large.size()));
@@ -111,9 +115,7 @@ TEST_P(StreamClientTest, DisconnectSendsTheRestAndEndsWithThePeer) {
 }
 
 TEST_P(StreamClientTest, DisconnectGivesAPeerThatIgnoresItASecond) {
-    ASSERT_TRUE(connect());
-    Peer peer = mListener.accept();
-    ASSERT_TRUE(connections(1));
+    Peer peer = meet();
     const std::string name = mClient->connection()->name();
     mClient->disconnect();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
@@ -130,11 +132,7 @@ TEST_P(StreamClientTest, DisconnectGivesAPeerThatIgnoresItASecond) {
 
 /// The server is a process that is killed, twice; the client finds each successor by itself.
 TEST_P(StreamClientTest, RetryOutlivesServers) {
-    const InetAddress addr = [&] {
-        return GetParam() == Family::Unix ? freshAddress(Family::Unix)
-                                          : PeerListener(freshAddress(Family::Tcp)).addr();
-    }();
-    EXPECT_FALSE(mClient->retry());
+    const InetAddress addr = deadAddress(GetParam());
     mClient->enableRetry();
     mClient->connect(addr, 1000);
     for (size_t i = 1; i <= 3; ++i) {
@@ -159,14 +157,9 @@ TEST_P(StreamClientTest, StopDropsTheConnectionSilentlyAndForGood) {
     mClient->enableRetry();
     for (const bool inLoop : {false, true}) {
         SCOPED_TRACE(inLoop);
-        ASSERT_TRUE(connect());
-        Peer peer = mListener.accept();
-        ASSERT_TRUE(waitFor([&] { return mClient->connection() != nullptr; }));
-        if (inLoop) {
-            mLoop.run([&] { mClient->stop(); });
-        } else {
-            mClient->stop();
-        }
+        Peer peer = meet();
+        const auto stop = [&] { mClient->stop(); };
+        inLoop ? mLoop.run(stop) : stop();
         EXPECT_FALSE(mClient->connection());
         EXPECT_TRUE(peer.ended());
     }
@@ -177,23 +170,22 @@ TEST_P(StreamClientTest, StopDropsTheConnectionSilentlyAndForGood) {
 /// Each callback stops, disconnects or destroys its own client while a retry would be due.
 TEST_P(StreamClientTest, EndFromEachCallback) {
     const long before = openDescriptors();
+    const struct {
+        const char* name;
+        std::function<void()> end;
+    } ways[] = {{"disconnect", [this] { mClient->disconnect(); }},
+                {"stop", [this] { mClient->stop(); }},
+                {"destroy", [this] { mClient.reset(); }}};
     for (const std::string place : {"setup", "connection", "message", "close"}) {
-        for (const std::string way : {"disconnect", "stop", "destroy"}) {
-            SCOPED_TRACE(place + ", " + way);
+        for (const auto& way : ways) {
+            SCOPED_TRACE(place + ", " + way.name);
             mClient = make();
             std::atomic<bool> done{false};
             const auto at = [&](const std::string& here) {
-                if (here != place || done) {
-                    return;
+                if (here == place && !done) {
+                    way.end();
+                    done = true;
                 }
-                if (way == "disconnect") {
-                    mClient->disconnect();
-                } else if (way == "stop") {
-                    mClient->stop();
-                } else {
-                    mClient.reset();
-                }
-                done = true;
             };
             mClient->setSocketSetupCallback([&](StreamSocket*) {
                 at("setup");
@@ -207,20 +199,13 @@ TEST_P(StreamClientTest, EndFromEachCallback) {
             mClient->setCloseCallback([&](const StreamConnectionPtr&) { at("close"); });
             mClient->enableRetry();
             mLoop.run([&] { connect(); });
-            if (place != "setup") {
-                Peer peer = mListener.accept();
-                if (place != "connection") {
-                    peer.send("ping");
-                }
-                if (place == "close") {
-                    peer.close();
-                }
-                EXPECT_TRUE(waitFor([&] { return done.load(); }));
-                if (place != "close") {
-                    EXPECT_TRUE(peer.ended());
-                }
+            Peer peer = place == "setup" ? Peer() : mListener.accept();
+            peer.send("ping");
+            if (place == "close") {
+                peer.close();
             }
-            EXPECT_TRUE(done);
+            EXPECT_TRUE(waitFor([&] { return done.load(); }));
+            EXPECT_TRUE(!peer.connected() || peer.ended());
             EXPECT_TRUE(!mClient || forgotten());
         }
     }
@@ -232,18 +217,15 @@ TEST_P(StreamClientTest, EndFromEachCallback) {
 TEST_P(StreamClientTest, RefusedTransportIsReportedAndLeavesTheClientIdle) {
     mClient->setTransportFactory([](std::unique_ptr<StreamSocket>) { return nullptr; });
     ASSERT_TRUE(connect());
-    Peer peer = mListener.accept();
-    EXPECT_TRUE(peer.ended());
+    EXPECT_TRUE(mListener.accept().ended());
     EXPECT_TRUE(waitFor(
         [&] { return mLog.has("]StreamClient::newConnection transport creation failed for "); }));
-    EXPECT_FALSE(mClient->connection());
     mLoop.run([&] { mClient->setTransportFactory({}); });
-    EXPECT_TRUE(connect());
-    EXPECT_TRUE(connections(1));
+    meet();
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, StreamClientTest, testing::Values(Family::Tcp, Family::Unix),
-                         [](const auto& i) { return i.param == Family::Tcp ? "Tcp" : "Unix"; });
+                         testing::PrintToStringParamName());
 
 /// The wait of connect() is bounded, and its task stays queued; the other calls say why they did
 /// nothing; destruction leaves the connection to its loop.

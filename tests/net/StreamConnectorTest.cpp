@@ -4,25 +4,20 @@
 
 #include <atomic>
 #include <cerrno>
+#include <memory>
+#include <string>
 #include <thread>
 #include <vector>
 
-#include "StreamTestSupport.h"
 #include "Vantel/Orbel/StreamSocket.h"
+#include "tests/net/StreamTestSupport.h"
 #include "tests/support/LogCapture.h"
-#include "tests/support/WaitFor.h"
 
 using namespace OrbelTest;
 using Vantel::Orbel::StreamConnector;
 using Vantel::Orbel::StreamSocket;
 
 namespace {
-
-/// An address of the family that nobody listens on.
-InetAddress deadAddress(Family family) {
-    const InetAddress addr = freshAddress(family);
-    return family == Family::Unix ? addr : PeerListener(addr).addr();
-}
 
 /// A listener whose queue is full: a TCP connect hangs, a Unix one is told to try again.
 struct FullListener {
@@ -38,184 +33,161 @@ struct FullListener {
     std::vector<Peer> waiting;
 };
 
+/// A connector in the test's own loop; what it hands over stands in `sockets`.
 class StreamConnectorTest : public testing::TestWithParam<Family> {
 protected:
     StreamConnectorTest() {
-        mConnector->setConnectedCallback([this](std::unique_ptr<StreamSocket> socket) {
-            mSocket = std::move(socket);
-            ++mConnected;
+        connector->setConnectedCallback([this](std::unique_ptr<StreamSocket> socket) {
+            EXPECT_TRUE(socket->getPeerAddress().isValid());
+            sockets.push_back(std::move(socket));
         });
     }
-    ~StreamConnectorTest() override {
-        mConnector.reset();
-        mLoop.run([this] { mSocket.reset(); });
+    bool connected(size_t count, int deadlineMs = 30000) {
+        return runUntil(
+            loop, [&] { return sockets.size() == count; }, deadlineMs);
     }
-    /// start() in the loop; 0 or its errno.
-    int start(const InetAddress& addr, int timeoutMs) {
-        int error = 0;
-        mLoop.run([&] { error = mConnector->start(addr, timeoutMs) ? 0 : errno; });
-        return error;
+    bool logged(const std::string& text, int count = 1) {
+        return runUntil(loop, [&] { return log.count(text) == count; });
     }
 
-    LogCapture mLog;
-    LoopThread mLoop;
-    std::unique_ptr<StreamConnector> mConnector =
-        std::make_unique<StreamConnector>(mLoop.get(), "test");
-    std::unique_ptr<StreamSocket> mSocket;
-    std::atomic<int> mConnected{0};
+    LogCapture log;
+    EventLoop loop;
+    std::unique_ptr<StreamConnector> connector = std::make_unique<StreamConnector>(&loop, "test");
+    std::vector<std::unique_ptr<StreamSocket>> sockets;
 };
 
 TEST_P(StreamConnectorTest, HandsOverAConnectedSocketAndIsIdleAgain) {
     PeerListener listener(freshAddress(GetParam()));
-    for (int i = 1; i <= 2; ++i) {
-        EXPECT_EQ(start(listener.addr(), 1000), 0);
-        Peer peer = listener.accept();
-        ASSERT_TRUE(waitFor([&] { return mConnected == i; }));
-        mLoop.run([&] { EXPECT_EQ(mSocket->send("hi", 2, 0), 2); });
-        EXPECT_EQ(peer.receive(2), "hi");
+    for (size_t i = 1; i <= 2; ++i) {
+        EXPECT_TRUE(connector->start(listener.addr(), 1000));
+        ASSERT_TRUE(connected(i));
+        EXPECT_EQ(sockets.back()->send("hi", 2, 0), 2);
+        EXPECT_EQ(listener.accept().receive(2), "hi");
     }
-    EXPECT_EQ(mConnector->serverAddr().toString(), listener.addr().toString());
+    EXPECT_EQ(connector->serverAddr().toString(), listener.addr().toString());
 }
 
 TEST_P(StreamConnectorTest, WithoutRetryARefusalEndsTheMatter) {
+    EXPECT_FALSE(connector->restart(100)) << "no address yet";
     const InetAddress addr = deadAddress(GetParam());
-    bool restarted = true;
-    mLoop.run([&] { restarted = mConnector->restart(100); });
-    EXPECT_FALSE(restarted) << "no address yet";
-    const int error = start(addr, 0);
-    EXPECT_TRUE(error != 0 || waitFor([&] { return mLog.has("StreamConnector::connect failed"); }));
-    EXPECT_EQ(mLog.count("Retry connecting"), 0);
-
+    EXPECT_TRUE(!connector->start(addr, 0) || logged("StreamConnector::connect failed"));
+    EXPECT_FALSE(log.has("Retry connecting"));
     PeerListener late(addr);
-    ASSERT_TRUE(late.valid());
-    mLoop.run([&] { restarted = mConnector->restart(1000); });
-    EXPECT_TRUE(restarted);
-    EXPECT_TRUE(waitFor([&] { return mConnected == 1; }));
+    EXPECT_TRUE(connector->restart(1000));
+    EXPECT_TRUE(connected(1));
 }
 
 TEST_P(StreamConnectorTest, RetriesAfterDoublingDelaysAndASuccessResetsThem) {
     const InetAddress addr = deadAddress(GetParam());
-    const auto delays = [&](int delayMs) {
-        return mLog.count(" StreamConnector::retry - Retry connecting to " + addr.toString() +
-                          " in " + std::to_string(delayMs) + " milliseconds");
+    const auto retryIn = [&](int delayMs) {
+        return " StreamConnector::retry - Retry connecting to " + addr.toString() + " in " +
+               std::to_string(delayMs) + " milliseconds";
     };
-    mConnector->setRetry(true);
-    EXPECT_EQ(start(addr, 500), 0) << "a scheduled retry is no failure";
-    EXPECT_TRUE(waitFor([&] { return delays(1000) == 2; }));
+    connector->setRetry(true);
+    EXPECT_TRUE(connector->start(addr, 500)) << "a scheduled retry is no failure";
+    EXPECT_TRUE(logged(retryIn(1000), 2));
     for (const int delayMs : {100, 200, 400, 800}) {
-        EXPECT_EQ(delays(delayMs), 1) << delayMs;
+        EXPECT_EQ(log.count(retryIn(delayMs)), 1) << delayMs;
     }
     {
         PeerListener late(addr);
-        ASSERT_TRUE(late.valid());
-        EXPECT_TRUE(waitFor([&] { return mConnected == 1; }));
+        EXPECT_TRUE(connected(1));
     }
-    mLoop.run([&] { mConnector->restart(500); });
-    EXPECT_TRUE(waitFor([&] { return delays(100) == 2; }));
-    mConnector->stop();
-    const int stopped = mLog.count("Retry connecting");
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    EXPECT_EQ(mLog.count("Retry connecting"), stopped) << "tries on after stop()";
+    connector->restart(500);
+    EXPECT_TRUE(logged(retryIn(100), 2));
+    std::atomic<bool> stopped{false};
+    std::thread other([&] {
+        connector->stop();
+        stopped = true;
+    });
+    EXPECT_TRUE(runUntil(loop, [&] { return stopped.load(); }));
+    other.join();
+    const int tries = log.count("Retry connecting");
+    EXPECT_FALSE(runUntil(
+        loop, [&] { return log.count("Retry connecting") != tries; }, 300));
 }
 
 /// A socket that found the queue of a Unix listener full looks writable and free of errors, but is
 /// not connected.
 TEST_P(StreamConnectorTest, FullQueueIsNoSuccess) {
     FullListener full(GetParam());
-    mConnector->setRetry(true);
-    EXPECT_EQ(start(full.listener.addr(), 200), 0);
-    EXPECT_TRUE(waitFor([&] { return mLog.has("Retry connecting"); }));
-    EXPECT_EQ(mConnected, 0);
-    EXPECT_EQ(mLog.has(" StreamConnector::connect timeout for "), GetParam() == Family::Tcp);
-
-    while (mConnected == 0 && !HasFailure()) {
-        Peer peer = full.listener.accept();  // makes room
-        ASSERT_TRUE(peer.connected());
-        waitFor([&] { return mConnected == 1; }, 100);
-    }
-    mLoop.run([&] {
-        EXPECT_TRUE(mSocket->getPeerAddress().isValid());
-        mSocket.reset();
-    });
-}
-
-TEST_P(StreamConnectorTest, OneAttemptAtATime) {
-    if (GetParam() == Family::Unix) {
-        GTEST_SKIP() << "a Unix connect is never under way";
-    }
-    FullListener full(GetParam());
-    EXPECT_EQ(start(full.listener.addr(), 0), 0);
-    EXPECT_EQ(start(full.listener.addr(), 0), EALREADY);
-    mConnector->stop();
-    mConnector->stop();
-    EXPECT_EQ(start(full.listener.addr(), 1), 0);
-    EXPECT_TRUE(waitFor([&] { return mLog.has("connect timeout"); }));
-    EXPECT_EQ(mConnected, 0);
+    connector->setRetry(true);
+    EXPECT_TRUE(connector->start(full.listener.addr(), 200));
+    EXPECT_TRUE(logged("Retry connecting"));
+    EXPECT_EQ(log.has(" StreamConnector::connect timeout for "), GetParam() == Family::Tcp);
+    EXPECT_TRUE(sockets.empty());
+    do {
+        ASSERT_TRUE(full.listener.accept().connected());  // makes room
+    } while (!connected(1, 100));
 }
 
 TEST_P(StreamConnectorTest, SetupCallbackPreparesRefusesOrStops) {
     PeerListener listener(freshAddress(GetParam()));
-    mConnector->setRetry(true);
     bool allow = true;
     bool stop = false;
-    mLoop.run([&] {
-        mConnector->setSocketSetupCallback([&](StreamSocket* socket) {
-            EXPECT_GE(socket->fd(), 0);
-            if (stop) {
-                mConnector->stop();
-            }
-            errno = EPERM;
-            return allow;
-        });
+    connector->setRetry(true);
+    connector->setSocketSetupCallback([&](StreamSocket* socket) {
+        EXPECT_GE(socket->fd(), 0);
+        if (stop) {
+            connector->stop();
+        }
+        errno = EPERM;
+        return allow;
     });
-    EXPECT_EQ(start(listener.addr(), 500), 0);
-    EXPECT_TRUE(waitFor([&] { return mConnected == 1; }));
+    EXPECT_TRUE(connector->start(listener.addr(), 500));
+    EXPECT_TRUE(connected(1));
 
     const long before = openDescriptors();
     allow = false;
-    EXPECT_EQ(start(listener.addr(), 500), EPERM);
-    EXPECT_EQ(mLog.count("]StreamConnector::connect socket setup failed for " +
-                         listener.addr().toString() + ": Operation not permitted"),
+    EXPECT_FALSE(connector->start(listener.addr(), 500));
+    EXPECT_EQ(errno, EPERM);
+    EXPECT_EQ(log.count("]StreamConnector::connect socket setup failed for " +
+                        listener.addr().toString() + ": Operation not permitted"),
               1);
-    allow = true;
-    stop = true;
-    EXPECT_EQ(start(listener.addr(), 500), ECANCELED);
-    EXPECT_EQ(mConnected, 1);
+    allow = stop = true;
+    EXPECT_FALSE(connector->start(listener.addr(), 500));
+    EXPECT_EQ(errno, ECANCELED);
+    EXPECT_EQ(sockets.size(), 1u);
     EXPECT_EQ(openDescriptors(), before);
-    EXPECT_EQ(mLog.count("Retry connecting"), 0) << "a refusal is final";
-    mLoop.run([&] { mConnector->setSocketSetupCallback({}); });
+    EXPECT_FALSE(log.has("Retry connecting")) << "a refusal is final";
 }
 
 TEST_P(StreamConnectorTest, ConnectedCallbackMayStartAgainOrDestroyTheConnector) {
     PeerListener listener(freshAddress(GetParam()));
-    std::vector<std::unique_ptr<StreamSocket>> sockets;
-    mLoop.run([&] {
-        mConnector->setConnectedCallback([&](std::unique_ptr<StreamSocket> socket) {
-            EXPECT_TRUE(socket->getPeerAddress().isValid());
-            sockets.push_back(std::move(socket));
-            if (sockets.size() < 3) {
-                mConnector->start(listener.addr(), 1000);
-            } else {
-                mConnector.reset();
-            }
-            ++mConnected;
-        });
+    connector->setConnectedCallback([&](std::unique_ptr<StreamSocket> socket) {
+        sockets.push_back(std::move(socket));
+        if (sockets.size() < 3) {
+            connector->start(listener.addr(), 1000);
+        } else {
+            connector.reset();
+        }
     });
-    EXPECT_EQ(start(listener.addr(), 1000), 0);
-    EXPECT_TRUE(waitFor([&] { return mConnected == 3; }));
-    mLoop.run([&] { sockets.clear(); });
+    EXPECT_TRUE(connector->start(listener.addr(), 1000));
+    EXPECT_TRUE(connected(3));
 }
 
 INSTANTIATE_TEST_SUITE_P(Families, StreamConnectorTest, testing::Values(Family::Tcp, Family::Unix),
-                         [](const auto& i) { return i.param == Family::Tcp ? "Tcp" : "Unix"; });
+                         testing::PrintToStringParamName());
 
-TEST(StreamConnectorStopTest, BesideALoopThatDoesNotRunItIsIgnoredAndDestructionWaits) {
-    LogCapture log;
+/// A Unix connect is never under way.
+class TcpConnectorTest : public StreamConnectorTest {};
+INSTANTIATE_TEST_SUITE_P(Tcp, TcpConnectorTest, testing::Values(Family::Tcp));
+
+TEST_P(TcpConnectorTest, OneAttemptAtATime) {
+    FullListener full(Family::Tcp);
+    EXPECT_TRUE(connector->start(full.listener.addr(), 0));
+    EXPECT_FALSE(connector->start(full.listener.addr(), 0));
+    EXPECT_EQ(errno, EALREADY);
+    connector->stop();
+    EXPECT_TRUE(connector->start(full.listener.addr(), 1));
+    EXPECT_TRUE(logged("connect timeout"));
+    EXPECT_TRUE(sockets.empty());
+}
+
+TEST_P(TcpConnectorTest, BesideALoopThatDoesNotRunStopIsIgnoredAndDestructionWaits) {
     const long before = openDescriptors();
     {
         FullListener full(Family::Tcp);
-        EventLoop loop;
-        auto connector = std::make_unique<StreamConnector>(&loop, "test");
         ASSERT_TRUE(connector->start(full.listener.addr(), 60000));
         std::thread([&] {
             connector->stop();
@@ -225,7 +197,7 @@ TEST(StreamConnectorStopTest, BesideALoopThatDoesNotRunItIsIgnoredAndDestruction
                             full.listener.addr().toString() + ": event loop is not running"),
                   2);
     }
-    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_TRUE(runUntil(loop, [&] { return openDescriptors() == before; }));
 }
 
 }  // namespace

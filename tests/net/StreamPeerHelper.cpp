@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "StreamTestSupport.h"
+#include "tests/net/StreamTestSupport.h"
 
 using namespace OrbelTest;
 

@@ -1,7 +1,6 @@
 #include "Vantel/Orbel/StreamServer.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <atomic>
 #include <cerrno>
@@ -12,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "StreamTestSupport.h"
 #include "Vantel/Orbel/EventLoopGroup.h"
 #include "Vantel/Orbel/NetBuffer.h"
 #include "Vantel/Orbel/PlainStreamTransport.h"
@@ -20,6 +18,7 @@
 #include "Vantel/Orbel/StreamSocket.h"
 #include "Vantel/Orbel/TcpServer.h"
 #include "Vantel/Orbel/UnixServer.h"
+#include "tests/net/StreamTestSupport.h"
 #include "tests/support/HelperProcess.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/WaitFor.h"
@@ -34,14 +33,18 @@ struct Setup {
     size_t threads;
 };
 
-std::string setupName(const testing::TestParamInfo<Setup>& info) {
-    return std::string(info.param.family == Family::Tcp ? "Tcp" : "Unix") +
-           std::to_string(info.param.threads) + "Threads";
+void PrintTo(const Setup& setup, std::ostream* out) {
+    PrintTo(setup.family, out);
+    *out << setup.threads << "Threads";
 }
 
 void echo(const StreamConnectionPtr& connection, NetBuffer* input) {
     connection->send(input->data(), input->size());
     input->consume(input->size());
+}
+
+bool echoes(Peer& peer) {
+    return peer.send("ping") && peer.receive(4) == "ping";
 }
 
 /// A server called "srv" on a loop thread that is not the test's.
@@ -64,9 +67,6 @@ protected:
         ASSERT_TRUE(mServer->start());
     }
     Peer connect() { return Peer(mServer->listenAddr()); }
-    bool echoes(Peer& peer, const std::string& text = "ping") {
-        return peer.send(text) && peer.receive(text.size()) == text;
-    }
     bool count(size_t wanted) {
         return waitFor([&] { return mServer->connectionCount() == wanted; });
     }
@@ -139,19 +139,14 @@ TEST_P(StreamServerTest, StopDropsConnectionsWithoutCloseCallback) {
             peers.push_back(connect());
             EXPECT_TRUE(echoes(peers.back()));
         }
-        if (inLoop) {
-            mLoop.run([&] { mServer->stop(); });
-        } else {
-            mServer->stop();
-        }
-        EXPECT_FALSE(mServer->started());
+        const auto stop = [&] { mServer->stop(); };
+        inLoop ? mLoop.run(stop) : stop();
         EXPECT_EQ(mServer->connectionCount(), 0u);
         for (Peer& peer : peers) {
             EXPECT_TRUE(peer.ended());
         }
         EXPECT_EQ(mClosed, 0);
-        struct stat status = {};
-        EXPECT_NE(::stat(mAddr.getUnixPath().c_str(), &status), 0) << "socket file left";
+        EXPECT_NE(::access(mAddr.getUnixPath().c_str(), F_OK), 0) << "socket file left";
         EXPECT_FALSE(connect().connected());
     }
     mLoop.run([] {});
@@ -171,15 +166,10 @@ TEST_P(StreamServerTest, StopAndDestructionFromEachCallback) {
             std::atomic<bool> begun{false};
             std::atomic<bool> done{false};
             const auto at = [&](const std::string& here) {
-                if (here != place || begun.exchange(true)) {
-                    return;
+                if (here == place && !begun.exchange(true)) {
+                    destroy ? mServer.reset() : mServer->stop();
+                    done = true;
                 }
-                if (destroy) {
-                    mServer.reset();
-                } else {
-                    mServer->stop();
-                }
-                done = true;
             };
             mServer->setConnectionCallback([&](const StreamConnectionPtr&) { at("connection"); });
             mServer->setMessageCallback([&](const StreamConnectionPtr& connection, NetBuffer* in) {
@@ -289,7 +279,7 @@ TEST_P(StreamServerTest, RefusedTransportLosesThatConnectionOnlyAndLimitsReachTh
 INSTANTIATE_TEST_SUITE_P(Setups, StreamServerTest,
                          testing::Values(Setup{Family::Tcp, 0}, Setup{Family::Unix, 0},
                                          Setup{Family::Tcp, 2}, Setup{Family::Unix, 2}),
-                         setupName);
+                         testing::PrintToStringParamName());
 
 TEST(StreamServerGroupTest, TwoServersShareOneGroupAndLeaveItRunning) {
     LogCapture log;
@@ -313,13 +303,10 @@ TEST(StreamServerGroupTest, TwoServersShareOneGroupAndLeaveItRunning) {
 
     Peer first(tcp.listenAddr());
     Peer second(local.listenAddr());
-    for (Peer* peer : {&first, &second}) {
-        EXPECT_TRUE(peer->send("ping") && peer->receive(4) == "ping");
-    }
+    EXPECT_TRUE(echoes(first) && echoes(second));
     tcp.stop();
     EXPECT_TRUE(first.ended());
-    EXPECT_TRUE(group.started());
-    EXPECT_TRUE(second.send("ping") && second.receive(4) == "ping");
+    EXPECT_TRUE(echoes(second));
     local.stop();
     EXPECT_TRUE(group.started());
 }

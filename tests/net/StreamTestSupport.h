@@ -4,26 +4,26 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <functional>
-#include <memory>
+#include <ostream>
 #include <string>
 
-#include "Vantel/Orbel/EventLoop.h"
-#include "Vantel/Orbel/EventLoopThread.h"
 #include "Vantel/Orbel/InetAddress.h"
 #include "Vantel/Orbel/Socket.h"
 #include "frame/base/UniqueFd.h"
+#include "tests/net/LoopSupport.h"
 #include "tests/support/OpenDescriptors.h"
 #include "tests/support/TestName.h"
 
 namespace OrbelTest {
 
-using Vantel::Orbel::EventLoop;
-using Vantel::Orbel::EventLoopThread;
 using Vantel::Orbel::InetAddress;
 
 /// The two families that every endpoint test runs on.
 enum class Family { Tcp, Unix };
+
+inline void PrintTo(Family family, std::ostream* out) {
+    *out << (family == Family::Tcp ? "Tcp" : "Unix");
+}
 
 inline InetAddress freshAddress(Family family) {
     return family == Family::Tcp ? InetAddress::createLoopback4(0)
@@ -124,24 +124,10 @@ private:
     std::string mPath;
 };
 
-/// A loop in a thread of its own, for as long as the object lives.
-class LoopThread {
-public:
-    LoopThread() : mThread({}, "testLoop"), mLoop(mThread.startLoop()) {}
-    EventLoop* get() const { return mLoop; }
-    /// Runs `task` in the loop and waits for it.
-    void run(const std::function<void()>& task) const {
-        mLoop
-            ->runInLoopWithResult<bool>([&] {
-                task();
-                return true;
-            })
-            .get();
-    }
-
-private:
-    EventLoopThread mThread;
-    EventLoop* mLoop;
-};
+/// An address of the family that nobody listens on.
+inline InetAddress deadAddress(Family family) {
+    const InetAddress addr = freshAddress(family);
+    return family == Family::Unix ? addr : PeerListener(addr).addr();
+}
 
 }  // namespace OrbelTest
