@@ -10,39 +10,43 @@
 
 #include "Vantel/ILogger.h"
 #include "Vantel/Orbel/EventLoop.h"
+#include "frame/base/UniqueFd.h"
 #include "tests/support/LogCapture.h"
 
 using namespace Vantel::Orbel;
 
 namespace {
 
-TEST(EventFdTest, CounterAndSemaphoreReads) {
+class EventFdTest : public testing::Test {
+protected:
     EventLoop loop;
+    EventFd eventFd{&loop, 3, kEventFdCounter};
+    uint64_t value = 77;
+};
+
+TEST_F(EventFdTest, CounterAndSemaphoreReads) {
     EventFd semaphore(&loop, 3, kEventFdSemaphore);
     for (const uint64_t expected : {1u, 1u, 1u, 0u}) {
         EXPECT_EQ(semaphore.read(), expected);
     }
-    EventFd counter(&loop, 3, kEventFdCounter);
-    EXPECT_TRUE(counter.write(4));
-    EXPECT_TRUE(counter.notify());
-    EXPECT_EQ(counter.read(), 8u);
-    uint64_t value = 77;
-    EXPECT_FALSE(counter.tryRead(value));
+    EXPECT_TRUE(eventFd.write(4));
+    EXPECT_TRUE(eventFd.notify());
+    EXPECT_EQ(eventFd.read(), 8u);
+    EXPECT_FALSE(eventFd.tryRead(value));
     EXPECT_EQ(value, 77u) << "left alone where there is nothing to take";
 
-    EXPECT_TRUE(counter.write(0xfffffffffffffffe));
-    EXPECT_FALSE(counter.write(1)) << "would overflow";
-    EXPECT_FALSE(counter.wakeupOnce());
-    EXPECT_TRUE(counter.tryRead(value));
+    EXPECT_TRUE(eventFd.write(0xfffffffffffffffe));
+    EXPECT_FALSE(eventFd.write(1)) << "would overflow";
+    EXPECT_FALSE(eventFd.wakeupOnce());
+    EXPECT_TRUE(eventFd.tryRead(value));
     EXPECT_EQ(value, 0xfffffffffffffffe);
-    EXPECT_TRUE(counter.wakeupOnce()) << "a failed wake-up must not stay pending";
-    EXPECT_EQ(counter.read(), 1u);
-    EXPECT_NE(fcntl(counter.fd(), F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_TRUE(eventFd.wakeupOnce()) << "a failed wake-up must not stay pending";
+    EXPECT_EQ(eventFd.read(), 1u);
+    EXPECT_NE(fcntl(eventFd.fd(), F_GETFD) & FD_CLOEXEC, 0);
 }
 
-TEST(EventFdTest, PendingWakeUpsAreOneWrite) {
-    EventLoop loop;
-    EventFd eventFd(&loop, kEventFdCounter);
+TEST_F(EventFdTest, PendingWakeUpsAreOneWrite) {
+    eventFd.read();
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&] { EXPECT_TRUE(eventFd.wakeupOnce()); });
@@ -58,57 +62,46 @@ TEST(EventFdTest, PendingWakeUpsAreOneWrite) {
     EXPECT_EQ(eventFd.read(), 1u);
 }
 
-TEST(EventFdTest, TheLoopHandsTheValueToTheCallback) {
-    EventLoop loop;
+TEST_F(EventFdTest, TheLoopHandsTheValueToTheCallback) {
     loop.setMode(kLoopOnce);
-    EventFd eventFd(&loop, 5, kEventFdCounter);
-    uint64_t got = 0;
-    eventFd.setReadCallback([&got](uint64_t value) { got = value; });
+    eventFd.setReadCallback([this](uint64_t got) { value = got; });
     eventFd.enableReading();
     loop.loop();
-    EXPECT_EQ(got, 5u);
-    eventFd.disableAll();
+    EXPECT_EQ(value, 3u);
 }
 
-TEST(EventFdTest, RefusalsOfTheSystemAreToldAndNothingToReadIsNone) {
+TEST_F(EventFdTest, RefusalsOfTheSystemAreToldAndNothingToReadIsNone) {
     const OrbelTest::LogCapture log;
-    EventLoop loop;
-    EventFd eventFd(&loop, kEventFdCounter);
+    EXPECT_EQ(eventFd.read(), 3u);
     EXPECT_EQ(eventFd.read(), 0u);
-    EXPECT_EQ(log.count("EventFd::"), 0);
-    const int kept = dup(eventFd.fd());
+    EXPECT_FALSE(log.has("EventFd::"));
+    const UniqueFd kept(dup(eventFd.fd()));
     close(eventFd.fd());
     EXPECT_FALSE(eventFd.notify());
     EXPECT_EQ(eventFd.read(), 0u);
-    uint64_t value = 0;
     EXPECT_FALSE(eventFd.tryRead(value));
-    ASSERT_EQ(dup2(kept, eventFd.fd()), eventFd.fd());
-    close(kept);
+    ASSERT_EQ(dup2(kept.get(), eventFd.fd()), eventFd.fd());
     EXPECT_EQ(log.count("]EventFd::write() failed: Bad file descriptor\n"), 1);
     EXPECT_EQ(log.count("]EventFd::read() failed: Bad file descriptor\n"), 1);
 }
 
-TEST(EventFdTest, WithoutADescriptorEveryOperationFails) {
-    EventLoop loop;
+TEST_F(EventFdTest, WithoutADescriptorEveryOperationFails) {
     // The sanitizer needs a descriptor when it meets a class for the first time, here the logger's.
     Vantel::ILogger::instance()->print(Vantel::ILogger::kError, "test", "first line\n");
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlimit none{0, limit.rlim_max};
     setrlimit(RLIMIT_NOFILE, &none);
-    EventFd eventFd(&loop, 1, kEventFdCounter);
+    EventFd without(&loop, 1, kEventFdCounter);
     setrlimit(RLIMIT_NOFILE, &limit);
 
-    uint64_t value = 0;
-    EXPECT_EQ(eventFd.fd(), -1);
-    EXPECT_FALSE(eventFd.write(1));
-    EXPECT_EQ(eventFd.read(), 0u);
-    EXPECT_FALSE(eventFd.tryRead(value));
-    EXPECT_FALSE(eventFd.wakeupOnce());
-    eventFd.enableAll();
-    eventFd.disableReading();
-    eventFd.disableAll();
-    EXPECT_FALSE(eventFd.isReadable());
+    EXPECT_EQ(without.fd(), -1);
+    EXPECT_FALSE(without.write(1) || without.wakeupOnce() || without.tryRead(value));
+    EXPECT_EQ(without.read(), 0u);
+    without.enableAll();
+    without.disableReading();
+    without.disableAll();
+    EXPECT_FALSE(without.isReadable());
 }
 
 }  // namespace

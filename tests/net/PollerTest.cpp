@@ -1,90 +1,53 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <functional>
-#include <memory>
+#include <array>
+#include <deque>
+#include <optional>
 #include <string>
-#include <vector>
 
-#include "Vantel/Orbel/Channel.h"
 #include "Vantel/Orbel/EpollPoller.h"
-#include "Vantel/Orbel/EventLoop.h"
 #include "Vantel/Orbel/SelectPoller.h"
-#include "frame/base/UniqueFd.h"
+#include "tests/net/LoopSupport.h"
 
+using namespace OrbelTest;
 using namespace Vantel::Orbel;
 
 namespace {
 
-/// An eventfd with a channel that is registered with `poller` alone, not with its loop's.
-class Source {
-public:
-    Source(EventLoop& loop, Poller& poller, unsigned int count)
-        : mPoller(poller),
-          mFd(eventfd(count, EFD_CLOEXEC | EFD_NONBLOCK)),
-          mChannel(&loop, mFd.get()) {
-        poller.updateChannel(&mChannel);
-    }
-    ~Source() { mPoller.removeChannel(&mChannel); }
-
-    Channel& channel() { return mChannel; }
-    int fd() const { return mFd.get(); }
-
-private:
-    Poller& mPoller;
-    UniqueFd mFd;
-    Channel mChannel;
-};
-
 TEST(EpollPollerTest, TheEventRoomDoublesWheneverAPollFilledIt) {
     EventLoop loop;
     loop.setMode(kLoopOnce);
-    std::vector<UniqueFd> fds;
-    std::vector<std::unique_ptr<Channel>> channels;
+    std::deque<EventSource> sources;
     int events = 0;
     for (int i = 0; i < 100; ++i) {
-        fds.emplace_back(eventfd(1, EFD_CLOEXEC));
-        channels.push_back(std::make_unique<Channel>(&loop, fds.back().get()));
-        channels.back()->setReadCallback([&events] { ++events; });
-        ASSERT_TRUE(channels.back()->enableReading());
+        Channel& channel = sources.emplace_back(loop, 1).channel;
+        channel.setReadCallback([&events] { ++events; });
+        ASSERT_TRUE(channel.enableReading());
     }
     for (const int expected : {16, 32, 64, 100, 100}) {
         events = 0;
         loop.loop();
         EXPECT_EQ(events, expected);
     }
-    for (const auto& channel : channels) {
-        channel->disableAll();
-        channel->remove();
-    }
 }
 
 TEST(EpollPollerTest, AChannelRemovedByAnotherInTheSameIterationGetsNoEvent) {
     EventLoop loop;
     loop.setMode(kLoopOnce);
-    std::vector<UniqueFd> fds;
-    std::vector<std::unique_ptr<Channel>> channels;
+    std::array<std::optional<EventSource>, 5> sources;
     int events = 0;
-    for (int i = 0; i < 5; ++i) {
-        fds.emplace_back(eventfd(1, EFD_CLOEXEC));
-        channels.push_back(std::make_unique<Channel>(&loop, fds.back().get()));
-        channels.back()->setReadCallback([&, i] {
+    for (auto& source : sources) {
+        Channel& channel = source.emplace(loop, 1u).channel;
+        channel.setReadCallback([&] {
             ++events;
-            for (int other = 0; other < 5; ++other) {
-                if (other != i) {
-                    channels[static_cast<size_t>(other)]->disableAll();
-                    channels[static_cast<size_t>(other)]->remove();
-                    channels[static_cast<size_t>(other)].reset();
-                }
+            for (auto& other : sources) {
+                &other == &source ? void(source->takeOut()) : other.reset();
             }
-            channels[static_cast<size_t>(i)]->disableAll();
-            channels[static_cast<size_t>(i)]->remove();
         });
-        ASSERT_TRUE(channels.back()->enableReading());
+        ASSERT_TRUE(channel.enableReading());
     }
     loop.loop();
     EXPECT_EQ(events, 1);
@@ -93,17 +56,12 @@ TEST(EpollPollerTest, AChannelRemovedByAnotherInTheSameIterationGetsNoEvent) {
 TEST(EpollPollerTest, HasChannelMeansThisVeryChannel) {
     EventLoop loop;
     EpollPoller poller(&loop);
-    const UniqueFd fd(eventfd(0, EFD_CLOEXEC));
-    Channel channel(&loop, fd.get());
-    Channel twin(&loop, fd.get());
-    Channel nowhere(&loop, -1);
-    EXPECT_FALSE(poller.hasChannel(&channel));
-    ASSERT_TRUE(poller.updateChannel(&channel));
-    EXPECT_TRUE(poller.hasChannel(&channel));
+    EventSource source(loop);
+    Channel twin(&loop, source.fd.get());
+    EXPECT_FALSE(poller.hasChannel(&source.channel));
+    ASSERT_TRUE(poller.updateChannel(&source.channel));
+    EXPECT_TRUE(poller.hasChannel(&source.channel));
     EXPECT_FALSE(poller.hasChannel(&twin));
-    EXPECT_FALSE(poller.hasChannel(&nowhere));
-    ASSERT_TRUE(poller.removeChannel(&channel));
-    EXPECT_FALSE(poller.hasChannel(&channel));
 }
 
 class SelectPollerTest : public testing::Test {
@@ -111,35 +69,28 @@ protected:
     SelectPollerTest() { testing::internal::CaptureStdout(); }
     ~SelectPollerTest() override { testing::internal::GetCapturedStdout(); }
 
-    EventLoop mLoop;
-    SelectPoller mPoller{&mLoop};
-    Poller::ChannelList mActive;
+    EventLoop loop;
+    SelectPoller poller{&loop};
+    Poller::ChannelList active;
 };
 
 TEST_F(SelectPollerTest, OneReadyDescriptorReportsEveryRegisteredChannelWithAnError) {
-    Source quiet(mLoop, mPoller, 0);
-    Source ready(mLoop, mPoller, 1);
-    mPoller.poll(0, &mActive);
-    EXPECT_TRUE(mActive.empty()) << "nobody asked for reading yet";
-
-    // The interest reaches this poller by hand: a channel's own calls go to its loop.
-    ready.channel().setState(-1);
-    ASSERT_TRUE(ready.channel().enableReading());
-    mPoller.updateChannel(&ready.channel());
+    EventSource quiet(loop);
+    EventSource ready(loop, 1);
     std::string calls;
-    for (Source* source : {&quiet, &ready}) {
-        source->channel().setErrorCallback([&calls] { calls += 'E'; });
-        source->channel().setReadCallback([&calls] { calls += 'R'; });
+    for (EventSource* source : {&quiet, &ready}) {
+        source->channel.setErrorCallback([&calls] { calls += 'E'; });
+        source->channel.setReadCallback([&calls] { calls += 'R'; });
     }
-    mPoller.poll(-1, &mActive);
-    ASSERT_EQ(mActive, (Poller::ChannelList{&quiet.channel(), &ready.channel()}));
-    for (Channel* channel : mActive) {
+    ASSERT_TRUE(ready.channel.enableReading());  // in the loop's poller: it sets the mask
+    ready.channel.setState(-1);
+    ASSERT_TRUE(poller.updateChannel(&quiet.channel) && poller.updateChannel(&ready.channel));
+    poller.poll(-1, &active);
+    ASSERT_EQ(active, (Poller::ChannelList{&quiet.channel, &ready.channel}));
+    for (Channel* channel : active) {
         channel->handleEvent();
     }
     EXPECT_EQ(calls, "EER");
-    ready.channel().disableAll();
-    ready.channel().remove();
-    ready.channel().setState(1);
 }
 
 TEST_F(SelectPollerTest, TakesDescriptor1023AndRefuses1024) {
@@ -148,33 +99,33 @@ TEST_F(SelectPollerTest, TakesDescriptor1023AndRefuses1024) {
     if (limit.rlim_cur < 1025) {
         GTEST_SKIP() << "only " << limit.rlim_cur << " descriptors allowed";
     }
-    const UniqueFd source(eventfd(0, EFD_CLOEXEC));
-    const UniqueFd last(dup3(source.get(), 1023, O_CLOEXEC));
-    const UniqueFd beyond(dup3(source.get(), 1024, O_CLOEXEC));
-    Channel lastChannel(&mLoop, last.get());
-    Channel beyondChannel(&mLoop, beyond.get());
-    Channel negative(&mLoop, -1);
-    EXPECT_TRUE(mPoller.updateChannel(&lastChannel));
-    EXPECT_FALSE(mPoller.updateChannel(&beyondChannel));
-    EXPECT_FALSE(mPoller.updateChannel(&negative));
+    const EventSource source(loop);
+    const UniqueFd last(dup3(source.fd.get(), 1023, O_CLOEXEC));
+    const UniqueFd beyond(dup3(source.fd.get(), 1024, O_CLOEXEC));
+    Channel lastChannel(&loop, last.get());
+    Channel beyondChannel(&loop, beyond.get());
+    Channel negative(&loop, -1);
+    EXPECT_TRUE(poller.updateChannel(&lastChannel));
+    EXPECT_FALSE(poller.updateChannel(&beyondChannel));
+    EXPECT_FALSE(poller.updateChannel(&negative));
     EXPECT_EQ(beyondChannel.state(), -1);
-    mPoller.poll(0, &mActive);
-    EXPECT_TRUE(mPoller.removeChannel(&lastChannel));
+    poller.poll(0, &active);
+    EXPECT_TRUE(active.empty());
+    EXPECT_TRUE(poller.removeChannel(&lastChannel));
     EXPECT_EQ(lastChannel.state(), -1);
 }
 
 TEST_F(SelectPollerTest, TracesEachOperation) {
-    std::string prefix;
-    {
-        Source source(mLoop, mPoller, 0);
-        const std::string fd = std::to_string(source.fd());
-        mPoller.poll(1, &mActive);
-        prefix = "SelectPoller::updateChannel fd = " + fd +
-                 " events = 0\nSelectPoller::poll() with 1 channels\n"
-                 "SelectPoller::poll() timeout\nSelectPoller::removeChannel fd = " +
-                 fd + "\n";
-    }
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), prefix);
+    EventSource source(loop);
+    poller.updateChannel(&source.channel);
+    poller.poll(1, &active);
+    poller.removeChannel(&source.channel);
+    const std::string fd = std::to_string(source.fd.get());
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "SelectPoller::updateChannel fd = " + fd +
+                  " events = 0\nSelectPoller::poll() with 1 channels\n"
+                  "SelectPoller::poll() timeout\nSelectPoller::removeChannel fd = " +
+                  fd + "\n");
     testing::internal::CaptureStdout();
 }
 

@@ -1,7 +1,6 @@
 #include "net/StopInLoop.h"
 
 #include <gtest/gtest.h>
-#include <sys/eventfd.h>
 
 #include <atomic>
 #include <memory>
@@ -9,13 +8,11 @@
 #include <string>
 #include <thread>
 
-#include "Vantel/Orbel/Channel.h"
-#include "Vantel/Orbel/EventLoop.h"
-#include "frame/base/UniqueFd.h"
+#include "tests/net/LoopSupport.h"
 #include "tests/support/WaitFor.h"
 
+using namespace OrbelTest;
 using namespace Vantel::Orbel;
-using OrbelTest::waitFor;
 
 namespace {
 
@@ -60,16 +57,15 @@ TEST(StopInLoopTest, StandsInLineWithTheTasksBeforeIt) {
 }
 
 TEST(StopInLoopTest, TheDestructorOfTheLoopRunsWhatIsLeft) {
-    const UniqueFd fd(eventfd(0, EFD_CLOEXEC));
     std::string order;
+    std::unique_ptr<EventSource> source;
     {
         EventLoop loop;
-        const auto channel = std::make_shared<Channel>(&loop, fd.get());
-        channel->enableReading();
+        source = std::make_unique<EventSource>(loop);
+        source->channel.enableReading();
         std::thread([&] {
-            StopInLoop::queue(loop, [&, channel] {
-                channel->disableAll();
-                channel->remove();
+            StopInLoop::queue(loop, [&] {
+                source.reset();
                 order += 'a';
                 StopInLoop::queue(loop, [&] { order += 'b'; });
                 throw std::runtime_error("must not leave the destructor");

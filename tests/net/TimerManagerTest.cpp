@@ -1,14 +1,14 @@
 #include "net/TimerManager.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
+#include <functional>
 #include <limits>
 #include <map>
+#include <memory>
 #include <random>
 #include <set>
 #include <string>
@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "Vantel/Orbel/EventLoop.h"
+#include "frame/base/UniqueFd.h"
 
 using namespace Vantel::Orbel;
 
@@ -100,53 +101,26 @@ TEST(MinHeapTest, EmptyFullAndMoved) {
     EXPECT_EQ(heap.pop().id, 17u);
 }
 
-/// The timerfds of this process, each with its number.
-std::set<int> timerfds() {
-    std::set<int> found;
-    DIR* const directory = opendir("/proc/self/fd");
-    while (const dirent* const entry = readdir(directory)) {
-        char target[64] = {};
-        const std::string path = std::string("/proc/self/fd/") + entry->d_name;
-        if (readlink(path.c_str(), target, sizeof target - 1) > 0 &&
-            std::string(target) == "anon_inode:[timerfd]") {
-            found.insert(std::atoi(entry->d_name));
-        }
-    }
-    closedir(directory);
-    return found;
-}
-
 class TimerManagerTest : public testing::Test {
 protected:
-    TimerManagerTest() : mBefore(timerfds()) { mTimers = std::make_unique<TimerManager>(&mLoop); }
-
     /// Milliseconds until the timerfd of mTimers fires; -1 if it is disarmed.
     int64_t armedMs() {
-        for (const int fd : timerfds()) {
-            itimerspec when{};
-            if (mBefore.count(fd) == 0 && timerfd_gettime(fd, &when) == 0) {
-                const int64_t ns = when.it_value.tv_sec * 1000000000L + when.it_value.tv_nsec;
-                return ns == 0 ? -1 : ns / 1000000;
-            }
-        }
-        return -2;
+        itimerspec when{};
+        EXPECT_EQ(timerfd_gettime(mTimerFd, &when), 0);
+        const int64_t ns = when.it_value.tv_sec * 1000000000L + when.it_value.tv_nsec;
+        return ns == 0 ? -1 : ns / 1000000;
     }
 
-    void loopFor(int64_t timeoutMs) {
-        mLoop.setMode(kLoopTimed);
-        mLoop.setTimeout(timeoutMs);
-        mLoop.loop();
-    }
-
-    /// Loops until a callback quits.
-    void loopUntilQuit() {
-        mLoop.setMode(kLoopForever);
-        mLoop.loop();
+    /// A timer of 1 ms whose callback knows its id.
+    unsigned long addKnowing(const std::function<void(unsigned long id)>& callback, bool repeat) {
+        const auto id = std::make_shared<unsigned long>();
+        return *id = mTimers->addTimer([id, callback] { callback(*id); }, 1, repeat);
     }
 
     EventLoop mLoop;
-    std::set<int> mBefore;
-    std::unique_ptr<TimerManager> mTimers;
+    UniqueFd mNext{dup(0)};  // the lowest free descriptor, which the timerfd then gets
+    const int mTimerFd = mNext.get();
+    std::unique_ptr<TimerManager> mTimers = (mNext.reset(), std::make_unique<TimerManager>(&mLoop));
 };
 
 TEST_F(TimerManagerTest, TheDescriptorIsArmedForTheEarliestTimer) {
@@ -189,45 +163,36 @@ TEST_F(TimerManagerTest, FiresInOrderOfExpiryAndNotEarly) {
     mTimers->addTimer(fired('a', 1), 0, false);
     mTimers->addTimer(fired('a', 1), std::numeric_limits<int64_t>::min(), false);
     mTimers->addTimer([this] { mLoop.quit(); }, 40, false);
-    loopUntilQuit();
+    mLoop.loop();
     EXPECT_EQ(order, "aabc");
     EXPECT_EQ(armedMs(), -1);
 }
 
 TEST_F(TimerManagerTest, ATimerMayCancelOrModifyItselfInItsCallback) {
-    int fired = 0;
-    unsigned long cancelling = 0;
-    cancelling = mTimers->addTimer(
-        [&] {
-            ++fired;
-            mTimers->cancelTimer(cancelling);
-        },
-        1, true);
+    int cancelled = 0;
     int modified = 0;
-    unsigned long modifying = 0;
-    modifying = mTimers->addTimer(
-        [&] {
-            if (++modified == 1) {
-                EXPECT_TRUE(mTimers->modifyTimer(modifying, 7200000, true));
-            }
-        },
-        1, true);
-    unsigned long once = 0;
-    bool known = true;
-    once = mTimers->addTimer([&] { known = mTimers->modifyTimer(once, 1, true); }, 1, false);
     int ended = 0;
-    unsigned long ending = 0;  // repeats no more from within
-    ending = mTimers->addTimer(
-        [&] {
-            if (++ended == 1) {
-                EXPECT_TRUE(mTimers->modifyTimer(ending, 1, false));
-            }
+    bool known = true;
+    const unsigned long cancelling = addKnowing(
+        [&](unsigned long id) {
+            ++cancelled;
+            mTimers->cancelTimer(id);
         },
-        1, true);
-    loopFor(100);
-    EXPECT_EQ(fired, 1);
+        true);
+    const unsigned long modifying = addKnowing(
+        [&](unsigned long id) {
+            ++modified;
+            EXPECT_TRUE(mTimers->modifyTimer(id, 7200000, true));
+        },
+        true);
+    addKnowing([&](unsigned long id) { known = mTimers->modifyTimer(id, 1, true); }, false);
+    addKnowing([&](unsigned long id) { ++ended == 1 && mTimers->modifyTimer(id, 1, false); }, true);
+    mLoop.setMode(kLoopTimed);
+    mLoop.setTimeout(100);
+    mLoop.loop();
+    EXPECT_EQ(cancelled, 1);
     EXPECT_FALSE(known) << "a one-shot is gone when its callback runs";
-    EXPECT_EQ(ended, 2);
+    EXPECT_EQ(ended, 2) << "once more, and repeats no longer";
     EXPECT_EQ(modified, 1);
     long remainingMs = 0;
     bool repeat = false;
@@ -248,7 +213,7 @@ TEST_F(TimerManagerTest, ARepeatingTimerCountsFromTheEndOfItsCallback) {
             }
         },
         10, true);
-    loopUntilQuit();
+    mLoop.loop();
     for (size_t i = 1; i < starts.size(); ++i) {
         EXPECT_GE(starts[i] - starts[i - 1], std::chrono::milliseconds(35));
     }
