@@ -17,38 +17,19 @@
 
 using namespace Vantel::Orbel;
 
-namespace {
-
-[[noreturn]] void waitInside() {
-    std::puts("inside");
-    std::fflush(stdout);
-    for (;;) {
-        pause();
-    }
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-    if (argc != 3) {
-        return 2;
-    }
+int main(int, char** argv) {
     const std::string role = argv[1];
+    bool inside = false;
     if (role == "shared") {
         const int fd = shm_open(argv[2], O_RDWR | O_CLOEXEC, 0);
         void* base = mmap(nullptr, sizeof(SHMMutex), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (base != MAP_FAILED && static_cast<SHMMutex*>(base)->enter()) {
-            waitInside();
-        }
+        inside = base != MAP_FAILED && static_cast<SHMMutex*>(base)->enter();
     } else if (role == "named") {
-        CProcessMutex lock(argv[2]);
-        if (lock.enter()) {
-            waitInside();
-        }
+        inside = (new CProcessMutex(argv[2]))->enter();
     } else if (role == "maker") {
-        if (semget(std::atoi(argv[2]), 1, IPC_CREAT | IPC_EXCL | 0600) >= 0) {
-            waitInside();
-        }
+        inside = semget(std::atoi(argv[2]), 1, IPC_CREAT | IPC_EXCL | 0600) >= 0;
     }
-    return 1;
+    std::puts(inside ? "inside" : "failed");
+    std::fflush(stdout);
+    pause();
 }

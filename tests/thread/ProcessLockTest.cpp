@@ -41,53 +41,38 @@ protected:
     }
     void TearDown() override { shm_unlink(mName.c_str()); }
 
-    /// Leaves the lock in the hands of a dead process.
-    void dieInside() {
-        HelperProcess holder("ProcessLockHelper", {"shared", mName});
-        ASSERT_TRUE(holder.waitForLine("inside"));
-        ASSERT_FALSE(mLock->tryEnter());
-        holder.killAndReap();
-    }
-
     const std::string mName = "/" + uniqueName("shmMutexTest");
     Mapping mMapping;
     SHMMutex* mLock = nullptr;
 };
 
-TEST_F(SHMMutexTest, EnterTakesOverFromADeadOwner) {
-    dieInside();
-    ASSERT_TRUE(mLock->enter());
-    std::thread([&] { EXPECT_FALSE(mLock->tryEnter()) << "not really held"; }).join();
-    EXPECT_TRUE(mLock->enter()) << "still recursive";
-    EXPECT_TRUE(mLock->leave());
-    EXPECT_TRUE(mLock->leave());
-    dieInside();  // and it can be done again
-    EXPECT_TRUE(mLock->enter());
-    EXPECT_TRUE(mLock->leave());
-}
-
-TEST_F(SHMMutexTest, TryEnterAfterADeathIsFalseAndLosesNothing) {
-    dieInside();
-    EXPECT_FALSE(mLock->tryEnter());
-    std::thread([&] {  // another thread: the failed attempt must not have kept the lock
-        EXPECT_TRUE(mLock->enter());
-        EXPECT_TRUE(mLock->leave());
-    })
-        .join();
-    EXPECT_TRUE(mLock->tryEnter());
-    EXPECT_TRUE(mLock->leave());
-}
-
-TEST_F(SHMMutexTest, WaiterIsWokenByTheDeath) {
-    HelperProcess holder("ProcessLockHelper", {"shared", mName});
-    ASSERT_TRUE(holder.waitForLine("inside"));
-    std::thread waiter([&] {
-        EXPECT_TRUE(mLock->enter());
-        EXPECT_TRUE(mLock->leave());
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
-    holder.killAndReap();
-    waiter.join();
+TEST_F(SHMMutexTest, ADeadOwnersLockGoesToTheNextEnterAndNotToTryEnter) {
+    for (const char* next : {"enter", "waiting enter", "tryEnter"}) {
+        SCOPED_TRACE(next);
+        HelperProcess holder("ProcessLockHelper", {"shared", mName});
+        ASSERT_TRUE(holder.waitForLine("inside"));
+        ASSERT_FALSE(mLock->tryEnter());
+        std::thread other([&] {
+            if (*next == 't') {
+                holder.killAndReap();
+                EXPECT_FALSE(mLock->tryEnter());
+                return;  // and must not have kept the lock
+            }
+            if (*next == 'e') {
+                holder.killAndReap();
+            }
+            ASSERT_TRUE(mLock->enter());
+            std::thread([&] { EXPECT_FALSE(mLock->tryEnter()) << "not really held"; }).join();
+            EXPECT_TRUE(mLock->enter()) << "still recursive";
+            EXPECT_TRUE(mLock->leave() && mLock->leave());
+        });
+        if (*next == 'w') {
+            std::this_thread::sleep_for(std::chrono::milliseconds(30));
+            holder.killAndReap();
+        }
+        other.join();
+        EXPECT_TRUE(mLock->tryEnter() && mLock->leave());
+    }
 }
 
 class CProcessMutexTest : public testing::Test {
@@ -123,32 +108,25 @@ TEST_F(CProcessMutexTest, NameAndKeyMeetInOneSetThatOutlivesThem) {
     EXPECT_EQ(value(), 1);
 }
 
-TEST_F(CProcessMutexTest, DeathInsideGivesItBack) {
+/// The holder keeps it for more than a second and never left since the set was made: that is no
+/// abandoned set, however old it gets.
+TEST_F(CProcessMutexTest, OnlyDeathInsideGivesItBack) {
     HelperProcess holder("ProcessLockHelper", {"named", mName});
     ASSERT_TRUE(holder.waitForLine("inside"));
-    CProcessMutex lock(mName.c_str());
-    EXPECT_EQ(value(), 0);
     std::atomic<bool> entered{false};
+    CProcessMutex lock(mName.c_str());
     std::thread waiter([&] {
         EXPECT_TRUE(lock.enter());
         entered = true;
         EXPECT_TRUE(lock.leave());
     });
-    std::this_thread::sleep_for(std::chrono::milliseconds(30));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
+    CProcessMutex late(mName.c_str());
+    EXPECT_EQ(value(), 0);
     EXPECT_FALSE(entered);
     holder.killAndReap();
     waiter.join();
     EXPECT_EQ(value(), 1);
-}
-
-/// Held for more than a second by one who never left since the set was made: that is no abandoned
-/// set, however old it gets.
-TEST_F(CProcessMutexTest, LongHolderIsNotTakenForADeadMaker) {
-    HelperProcess holder("ProcessLockHelper", {"named", mName});
-    ASSERT_TRUE(holder.waitForLine("inside"));
-    std::this_thread::sleep_for(std::chrono::milliseconds(2100));
-    CProcessMutex lock(mName.c_str());
-    EXPECT_EQ(value(), 0);
 }
 
 TEST_F(CProcessMutexTest, MakerKilledBeforeSetUpBlocksNobody) {
@@ -193,8 +171,7 @@ TEST_F(CProcessMutexTest, SignalEndsTheWaitWithEintr) {
     waiter.join();
     EXPECT_TRUE(lock.leave());
     semctl(semid(), 0, IPC_RMID);
-    EXPECT_FALSE(lock.enter());
-    EXPECT_FALSE(lock.leave());
+    EXPECT_FALSE(lock.enter() || lock.leave());
 }
 
 }  // namespace

@@ -15,7 +15,6 @@
 #include <thread>
 #include <vector>
 
-#include "Vantel/Orbel/CReadWriteMutex.h"
 #include "Vantel/Orbel/CThread.h"
 #include "Vantel/Orbel/CThreadLite.h"
 #include "Vantel/Orbel/CThreadManager.h"
@@ -27,7 +26,6 @@
 #include "thread/ThreadInternal.h"
 
 using namespace Vantel::Orbel;
-using OrbelTest::LogCapture;
 using OrbelTest::waitFor;
 using std::chrono::milliseconds;
 
@@ -35,44 +33,48 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// A thread whose body is `body`, or a loop of short sleeps.
+void loop(CThread& thread) {
+    while (thread.looping()) {
+        CThread::sleep(1);
+    }
+}
+
 class TestThread : public CThread {
 public:
-    explicit TestThread(std::function<void(TestThread&)> body = {}, const char* name = "TestThread",
+    explicit TestThread(std::function<void(CThread&)> body = &loop, const char* name = "TestThread",
                         int priority = 64, int policy = 0, int stackSize = 0)
         : CThread(name, priority, policy, stackSize), mBody(std::move(body)) {}
     ~TestThread() override {
         if (!isThreadOver()) {
             destroyThread();
         }
-        waitFor([this] { return isThreadOver(); });
+        waitUntilOver();
     }
 
     bool waitUntilRunning() {
-        return waitFor([this] { return getThreadId() > 0 && mEntered.load() > 0; });
+        return waitFor([this] { return getThreadId() > 0 && mEntered > 0; });
     }
+    bool waitUntilOver() {
+        return waitFor([this] { return isThreadOver(); });
+    }
+    bool run() { return createThread() && waitUntilOver(); }
 
     std::atomic<int> mEntered{0};
 
 protected:
     void threadProc() override {
         ++mEntered;
-        if (mBody) {
-            mBody(*this);
-            return;
-        }
-        while (looping()) {
-            sleep(1);
-        }
+        mBody(*this);
     }
 
 private:
-    std::function<void(TestThread&)> mBody;
+    std::function<void(CThread&)> mBody;
 };
 
 class ThreadTest : public testing::Test {
 protected:
-    LogCapture mLog;
+    OrbelTest::LogCapture mLog;
+    CThreadManager& mManager = *CThreadManager::instance();
 };
 
 TEST_F(ThreadTest, RunsOnceAtATimeAndAgainAfterItsEnd) {
@@ -88,7 +90,7 @@ TEST_F(ThreadTest, RunsOnceAtATimeAndAgainAfterItsEnd) {
     EXPECT_FALSE(thread.createThread());
     EXPECT_TRUE(mLog.has("thread TestThread is still running"));
     ASSERT_TRUE(thread.waitUntilRunning());
-    EXPECT_TRUE(CThreadManager::instance()->hasThread(thread.getThreadId()));
+    EXPECT_TRUE(mManager.hasThread(thread.getThreadId()));
     EXPECT_TRUE(thread.destroyThread());
     EXPECT_FALSE(thread.destroyThread());
     EXPECT_TRUE(mLog.has("thread 'TestThread' has been destroyed!"));
@@ -98,31 +100,27 @@ TEST_F(ThreadTest, RunsOnceAtATimeAndAgainAfterItsEnd) {
         if (run % 3 == 0) {
             thread.waitUntilRunning();
         }
-        ASSERT_EQ(thread.terminateThread(), false) << "nothing can be joined";
+        ASSERT_FALSE(thread.terminateThread()) << "nothing can be joined";
         ASSERT_FALSE(thread.looping());
     }
-    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
+    ASSERT_TRUE(thread.waitUntilOver());
     EXPECT_EQ(thread.mEntered, 29);
-    EXPECT_FALSE(CThreadManager::instance()->hasThread(thread.getThreadId()));
+    EXPECT_FALSE(mManager.hasThread(thread.getThreadId()));
 }
 
 TEST_F(ThreadTest, CreateWaitsForTheEndOfACancelledRun) {
     std::atomic<int> inside{0};
     std::atomic<int> together{0};
-    TestThread thread([&](TestThread& self) {
+    TestThread thread([&](CThread& self) {
         together += ++inside > 1 ? 1 : 0;
-        while (self.looping()) {
-            CThread::sleep(1);
-        }
+        loop(self);
         CThread::sleep(30);  // long on its way out
         --inside;
     });
-    ASSERT_TRUE(thread.createThread());
-    ASSERT_TRUE(thread.waitUntilRunning());
+    ASSERT_TRUE(thread.createThread() && thread.waitUntilRunning());
     const int firstId = thread.getThreadId();
     EXPECT_TRUE(thread.cancelThread());
     EXPECT_FALSE(thread.isThreadOver()) << "cancelThread does not wait";
-    EXPECT_FALSE(thread.cancelThread());
     ASSERT_TRUE(thread.createThread());
     ASSERT_TRUE(waitFor([&] { return thread.mEntered == 2; }));
     EXPECT_NE(thread.getThreadId(), firstId);
@@ -133,38 +131,24 @@ TEST_F(ThreadTest, CreateWaitsForTheEndOfACancelledRun) {
 }
 
 TEST_F(ThreadTest, DestroyOfItselfOnlyAsks) {
-    std::atomic<int> result{-1};
-    TestThread thread([&](TestThread& self) {
-        const bool destroyed = self.destroyThread();
-        result = destroyed && !self.looping() ? 1 : 0;
-    });
-    ASSERT_TRUE(thread.createThread());
-    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
-    EXPECT_EQ(result, 1);
-    // Its end has posted nothing: the next destroyThread must not be let through too early.
-    ASSERT_TRUE(thread.createThread());
-    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
+    std::atomic<bool> asked{false};
+    TestThread thread([&](CThread& self) { asked = self.destroyThread() && !self.looping(); });
+    ASSERT_TRUE(thread.run());
+    EXPECT_TRUE(asked);
 }
 
 TEST_F(ThreadTest, DestructorsOfRunningThreadsWait) {
     std::atomic<int> ended{0};
     for (int i = 0; i < 50; ++i) {
-        auto lite = std::make_unique<CThreadLite>(CThreadLite::Proc(+[](CThreadLite& self) {
-                                                      while (self.looping()) {
-                                                          CThread::sleep(1);
-                                                      }
-                                                  }),
-                                                  "lite", 64, 0, 0);
-        ASSERT_TRUE(lite->createThread());
-        TestThread thread([&](TestThread& self) {
-            while (self.looping()) {
-                CThread::sleep(0);
-            }
+        CThreadLite lite(CThreadLite::Proc(+[](CThreadLite& self) { loop(self); }), "", 64, 0, 0);
+        ASSERT_TRUE(lite.createThread());
+        TestThread thread([&](CThread& self) {
+            loop(self);
             ++ended;
         });
         ASSERT_TRUE(thread.createThread());
         if (i % 2 == 0) {
-            lite->cancelThread();
+            lite.cancelThread();
         }
     }
     EXPECT_EQ(ended, 50);
@@ -180,50 +164,34 @@ std::string kernelName(int tid) {
 }
 
 TEST_F(ThreadTest, NamesAreCutAndCopiedAndLiteOnesToldToTheKernel) {
-    EXPECT_STREQ(TestThread({}, nullptr).getThreadName(), "noNamed");
-    TestThread thread({}, std::string(40, 'n').c_str());
+    EXPECT_STREQ(TestThread(&loop, nullptr).getThreadName(), "noNamed");
+    TestThread thread(&loop, std::string(40, 'n').c_str());
     EXPECT_EQ(thread.getThreadName(), std::string(31, 'n'));
-    thread.setThreadName(nullptr);
-    EXPECT_STREQ(thread.getThreadName(), "noNamed");
     thread.setThreadName("second");
-    ASSERT_TRUE(thread.createThread());
-    ASSERT_TRUE(thread.waitUntilRunning());
+    ASSERT_TRUE(thread.createThread() && thread.waitUntilRunning());
     EXPECT_TRUE(mLog.has("ThreadBody Enter name = second,"));
     thread.setThreadName("third");
     std::string name;
-    EXPECT_TRUE(CThreadManager::instance()->getThreadNameById(thread.getThreadId(), name));
+    EXPECT_FALSE(mManager.getThreadNameById(-7, name));
+    EXPECT_TRUE(mManager.getThreadNameById(thread.getThreadId(), name));
     EXPECT_EQ(name, "third");
     EXPECT_NE(kernelName(thread.getThreadId()), "third");
     EXPECT_TRUE(thread.destroyThread());
     EXPECT_TRUE(mLog.has("ThreadBody leave name = third,"));
-    std::atomic<bool> running{false};
-    struct Body {
-        void run(CThreadLite&) {
-            running = true;
-            waitFor([this] { return !running; });
-        }
-        std::atomic<bool>& running;
-    } body{running};
-    CThreadLite lite({&body, &Body::run}, "a lite thread's name", 64, 0, 0);
+
+    CThreadLite lite(CThreadLite::Proc(+[](CThreadLite& self) { loop(self); }),
+                     "a lite thread's name", 64, 0, 0);
     ASSERT_TRUE(lite.createThread());
-    ASSERT_TRUE(waitFor([&] { return running.load(); }));
-    EXPECT_EQ(kernelName(lite.getThreadId()), "a lite thread's");
-    running = false;
-    EXPECT_FALSE(CThreadManager::instance()->getThreadNameById(-7, name));
+    EXPECT_TRUE(waitFor([&] { return kernelName(lite.getThreadId()) == "a lite thread's"; }));
     EXPECT_FALSE(CThread::setCurrentThreadName(nullptr));
 }
 
-TEST_F(ThreadTest, SchedulingScale) {
-    EXPECT_EQ(realtimePriority(1, 1, 99), 99);
-    EXPECT_EQ(realtimePriority(64, 1, 99), 50);
-    EXPECT_EQ(realtimePriority(127, 1, 99), 1);
+TEST_F(ThreadTest, SchedulingOfNormalThreads) {
     EXPECT_EQ(niceValue(1), -19);
     EXPECT_EQ(niceValue(64), 0);
-    EXPECT_EQ(niceValue(127), 19);
-
     std::atomic<int> nice{-100};
     std::atomic<int> core{-1};
-    TestThread thread([&](TestThread&) {
+    TestThread thread([&](CThread&) {
         nice = getpriority(PRIO_PROCESS, static_cast<id_t>(CThread::getCurrentThreadId()));
         core = sched_getcpu();
     });
@@ -236,17 +204,22 @@ TEST_F(ThreadTest, SchedulingScale) {
     EXPECT_TRUE(thread.setRunCPUCoreId(0));
     EXPECT_FALSE(thread.setRunCPUCoreId(0));
     EXPECT_TRUE(mLog.has("has set affinity cpu id"));
-    ASSERT_TRUE(thread.createThread());
-    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
+    ASSERT_TRUE(thread.run());
     EXPECT_EQ(nice, 19);
     EXPECT_EQ(core, 0);
+
+    EXPECT_TRUE(TestThread([](CThread&) {}, "odd", 64, 5, 0).run());
+    EXPECT_TRUE(mLog.has("CThread::CreateThread policy isn't set properly, policy = 5"));
 }
 
 TEST_F(ThreadTest, RealTimeWhereThePrivilegeIsThere) {
+    EXPECT_EQ(realtimePriority(1, 1, 99), 99);
+    EXPECT_EQ(realtimePriority(64, 1, 99), 50);
+    EXPECT_EQ(realtimePriority(127, 1, 99), 1);
     std::atomic<int> policy{-1};
     std::atomic<int> priority{-1};
     TestThread thread(
-        [&](TestThread&) {
+        [&](CThread&) {
             sched_param parameter{};
             int got = -1;
             pthread_getschedparam(pthread_self(), &got, &parameter);
@@ -259,23 +232,17 @@ TEST_F(ThreadTest, RealTimeWhereThePrivilegeIsThere) {
         EXPECT_TRUE(thread.looping()) << "stays set after a failed start";
         GTEST_SKIP() << "no right to first-in-first-out scheduling";
     }
-    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
+    ASSERT_TRUE(thread.waitUntilOver());
     EXPECT_EQ(policy, SCHED_FIFO);
     EXPECT_EQ(priority, realtimePriority(64, sched_get_priority_min(SCHED_FIFO),
                                          sched_get_priority_max(SCHED_FIFO)));
-}
-
-TEST_F(ThreadTest, UnknownPolicyWarnsAndRuns) {
-    TestThread thread([](TestThread&) {}, "odd", 64, 5, 0);
-    EXPECT_TRUE(thread.createThread());
-    EXPECT_TRUE(mLog.has("CThread::CreateThread policy isn't set properly, policy = 5"));
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(ThreadTest, SmallestStackCarriesTheThreadAndItsLogLines) {
     std::atomic<size_t> size{0};
     TestThread thread(
-        [&](TestThread&) {
+        [&](CThread&) {
             pthread_attr_t attributes;
             void* base = nullptr;
             size_t got = 0;
@@ -285,8 +252,7 @@ TEST_F(ThreadTest, SmallestStackCarriesTheThreadAndItsLogLines) {
             size = got;
         },
         "small", 64, 0, 1000);
-    ASSERT_TRUE(thread.createThread());
-    ASSERT_TRUE(waitFor([&] { return thread.isThreadOver(); }));
+    ASSERT_TRUE(thread.run());
     EXPECT_EQ(size, 16384U);
     EXPECT_TRUE(mLog.has("ThreadBody leave name = small"));
 }
@@ -295,36 +261,33 @@ TEST_F(ThreadTest, SmallestStackCarriesTheThreadAndItsLogLines) {
 TEST_F(ThreadTest, DeadlinesShowInTheManager) {
     std::atomic<int> stage{0};
     TestThread thread(
-        [&](TestThread& self) {
+        [&](CThread& self) {
             CThread::setCurrentTimeout(1);
-            stage = 1;
-            waitFor([&] { return stage == 2; });
+            waitFor([&] { return stage == 1; });
             self.setTimeout(0);
-            stage = 3;
-            waitFor([&] { return stage == 4; });
+            stage = 2;
+            loop(self);
         },
         "late");
     EXPECT_FALSE(thread.isTimeout());
     EXPECT_FALSE(CThread::setCurrentTimeout(5)) << "this is no CThread";
     ASSERT_TRUE(thread.createThread());
-    ASSERT_TRUE(waitFor([&] { return stage == 1 && thread.isTimeout(); }));
+    ASSERT_TRUE(waitFor([&] { return thread.isTimeout(); }));
     std::vector<std::string> names{"left over"};
-    CThreadManager* manager = CThreadManager::instance();
-    EXPECT_TRUE(manager->getTimeoutThreadName(names));
+    EXPECT_TRUE(mManager.getTimeoutThreadName(names));
     EXPECT_EQ(names,
               std::vector<std::string>{"late(" + std::to_string(thread.getThreadId()) + ")"});
-    manager->registerMainThread();
-    manager->printThreads();
+    mManager.registerMainThread();
+    mManager.printThreads();
     char row[128];
     std::snprintf(row, sizeof row, "%24s   %8d  %3d  Timeout\n", "late", thread.getThreadId(), 64);
     EXPECT_TRUE(mLog.has(row));
     std::snprintf(row, sizeof row, "%24s   %8d  %3d  normal\n\n", "main", getpid(), 64);
     EXPECT_TRUE(mLog.has(row));
-    stage = 2;
-    ASSERT_TRUE(waitFor([&] { return stage == 3; }));
-    EXPECT_FALSE(manager->getTimeoutThreadName(names));
+    stage = 1;
+    ASSERT_TRUE(waitFor([&] { return stage == 2; }));
+    EXPECT_FALSE(mManager.getTimeoutThreadName(names));
     EXPECT_TRUE(names.empty());
-    stage = 4;
 
     TestThread other;  // the form with a reading of the clock
     const auto now = static_cast<int>(CTime::getCurrentMilliSecond());
@@ -343,8 +306,8 @@ TEST_F(ThreadTest, ManagerIsAskedWhileThreadsComeAndGo) {
     std::thread asker([&] {
         std::vector<std::string> names;
         while (!done) {
-            CThreadManager::instance()->getTimeoutThreadName(names);
-            CThreadManager::instance()->printThreads();
+            mManager.getTimeoutThreadName(names);
+            mManager.printThreads();
         }
     });
     TestThread threads[3];
@@ -358,17 +321,19 @@ TEST_F(ThreadTest, ManagerIsAskedWhileThreadsComeAndGo) {
     asker.join();
 }
 
-TEST_F(ThreadTest, SleepIsNotShortenedBySignals) {
+TEST(SleepTest, IsNotShortenedBySignals) {
     struct sigaction action {};
     action.sa_handler = [](int) {};
     sigaction(SIGUSR1, &action, nullptr);
-    const auto sleeps = [](auto sleep) {
+    const std::function<void()> sleeps[] = {[] { CThread::sleep(50); },
+                                            [] { CThread::interruptWait(50'000'000); },
+                                            [] { RTAbsSleep::manualBackoff(50'000'000); }};
+    for (const auto& sleep : sleeps) {
         std::atomic<bool> done{false};
-        Clock::duration slept{};
         std::thread sleeper([&] {
             const auto start = Clock::now();
             sleep();
-            slept = Clock::now() - start;
+            EXPECT_GE(Clock::now() - start, milliseconds(50)) << &sleep - sleeps;
             done = true;
         });
         while (!done) {
@@ -376,17 +341,12 @@ TEST_F(ThreadTest, SleepIsNotShortenedBySignals) {
             std::this_thread::sleep_for(std::chrono::microseconds(700));
         }
         sleeper.join();
-        return slept;
-    };
-    EXPECT_GE(sleeps([] { CThread::sleep(50); }), milliseconds(50));
-    EXPECT_GE(sleeps([] { CThread::interruptWait(50'000'000); }), milliseconds(50));
-    EXPECT_GE(sleeps([] { RTAbsSleep::manualBackoff(50'000'000); }), milliseconds(50));
-    EXPECT_LT(sleeps([] { CThread::sleep(-1); }), milliseconds(1000));
+    }
+    CThread::sleep(-1);  // or for ever
 }
 
-TEST_F(ThreadTest, IdIsRightInAForkedChild) {
-    const int parent = CThread::getCurrentThreadId();
-    EXPECT_EQ(parent, gettid());
+TEST(ThreadIdTest, IsRightInAForkedChild) {
+    EXPECT_EQ(CThread::getCurrentThreadId(), gettid());
     const pid_t child = fork();
     if (child == 0) {
         _exit(CThread::getCurrentThreadId() == gettid() ? 0 : 1);
@@ -396,47 +356,38 @@ TEST_F(ThreadTest, IdIsRightInAForkedChild) {
     EXPECT_EQ(status, 0);
 }
 
-TEST_F(ThreadTest, LockWarnings) {
-    CReadWriteMutex lock(static_cast<RW_PRIORITY>(7));
-    EXPECT_TRUE(mLog.has("Input rwpriority level error, priorityDefault used!"));
-    EXPECT_TRUE(lock.enterWriting());
-    EXPECT_FALSE(lock.enterWriting());
-    EXPECT_FALSE(lock.enterReading());
-    EXPECT_TRUE(mLog.has("pthread_rwlock_wrlock called failed for :Resource deadlock avoided"));
-    lock.leave();
-}
-
 TEST(RTAbsSleepTest, RhythmHoldsAndRestartsAfterAnOverrun) {
     constexpr long kStep = 10'000'000;
     RTAbsSleep rhythm(kStep, kStep);
-    auto start = Clock::now();
-    rhythm.waitNextPeriod();  // none yet: returns at once
-    EXPECT_LT(Clock::now() - start, milliseconds(1000));
-    start = Clock::now();
-    for (int i = 0; i < 5; ++i) {
-        rhythm.waitPeriodWithStepForward(kStep);
-    }
-    EXPECT_GE(Clock::now() - start, milliseconds(50));
+    const auto lasts = [](auto sleep) {
+        const auto start = Clock::now();
+        sleep();
+        return Clock::now() - start;
+    };
+    rhythm.waitNextPeriod();  // none yet
+    const auto five = lasts([&] {
+        for (int i = 0; i < 5; ++i) {
+            rhythm.waitPeriodWithStepForward(kStep);
+        }
+    });
+    EXPECT_GE(five, milliseconds(50));
     std::this_thread::sleep_for(milliseconds(60));
-    start = Clock::now();
-    rhythm.waitPeriodWithStepForward(kStep);
-    EXPECT_GE(Clock::now() - start, milliseconds(10)) << "caught up with what was missed";
-
-    start = Clock::now();
-    rhythm.periodComplete();
-    rhythm.waitNextPeriod();
-    rhythm.autoBackoff();
-    EXPECT_GE(Clock::now() - start, milliseconds(20));
+    EXPECT_GE(lasts([&] { rhythm.waitPeriodWithStepForward(kStep); }), milliseconds(10))
+        << "caught up with what was missed";
+    const auto periodAndBackOff = lasts([&] {
+        rhythm.periodComplete();
+        rhythm.waitNextPeriod();
+        rhythm.autoBackoff();
+    });
+    EXPECT_GE(periodAndBackOff, milliseconds(20));
     rhythm.setPeriodNs(3600L * 1'000'000'000);
     rhythm.periodComplete();
     rhythm.resetRhythm();
     rhythm.waitNextPeriod();  // an hour, if it were not forgotten
-    RTAbsSleep(kStep, 0).autoBackoff();
 }
 
 TEST(CThreadSpecificTest, EachThreadHasItsOwnValue) {
     CThreadSpecific slot;
-    ASSERT_TRUE(slot.valid());
     int mine = 0;
     void* value = &mine;
     EXPECT_FALSE(slot.getValue(nullptr));
@@ -456,7 +407,6 @@ TEST(CThreadSpecificTest, EachThreadHasItsOwnValue) {
         all.push_back(std::make_unique<CThreadSpecific>());
     } while (all.back()->valid() && all.size() < 5000);
     EXPECT_FALSE(all.back()->setValue(&mine));
-    value = &mine;
     EXPECT_FALSE(all.back()->getValue(&value));
     EXPECT_EQ(value, &mine);
 }
