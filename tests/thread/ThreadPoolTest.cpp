@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -30,118 +31,102 @@ private:
     std::function<void()> mBody;
 };
 
-struct Destroyer {
-    void operator()(IThreadPool* pool) const { IThreadPool::destroy(pool); }
-};
-using Pool = std::unique_ptr<IThreadPool, Destroyer>;
-
-/// Keeps a worker busy until it is opened.
-struct Gate {
-    std::atomic<bool> entered{false};
-    std::atomic<bool> open{false};
-    Task* task() {
-        return new Task([this] {
-            entered = true;
-            waitFor([this] { return open.load(); });
-        });
+class ThreadPoolTest : public testing::Test {
+protected:
+    void create(const char* name) { mPool.reset(IThreadPool::create(name)); }
+    bool post() {
+        return mPool->postTask(new Task([this] { ++mRan; }));
     }
+    bool ran(int count) {
+        return waitFor([&] { return mRan == count; });
+    }
+    /// One worker, busy until mOpen, behind a queue of `maxQueue`.
+    void startBlocked(int maxQueue) {
+        std::atomic<bool> entered{false};
+        ASSERT_TRUE(mPool->initial(1, maxQueue, 0, -1));
+        ASSERT_TRUE(mPool->postTask(new Task([&] {
+            entered = true;
+            waitFor([this] { return mOpen.load(); });
+        })));
+        ASSERT_TRUE(waitFor([&] { return entered.load(); }));
+    }
+
+    std::atomic<int> mRan{0};
+    std::atomic<bool> mOpen{false};
+    std::unique_ptr<IThreadPool, void (*)(IThreadPool*)> mPool{nullptr, &IThreadPool::destroy};
 };
 
-std::string ownName() {
-    std::string name;
-    CThreadManager::instance()->getThreadNameById(CThread::getCurrentThreadId(), name);
-    return name;
-}
-
-TEST(ThreadPoolTest, RunsEachTaskOnceInOrderOfTheQueue) {
-    Pool pool(IThreadPool::create(nullptr));
+TEST_F(ThreadPoolTest, RunsEachTaskOnceInOrderOfTheQueue) {
+    create(nullptr);
     std::vector<int> order;
     std::string name;
-    constexpr int kTasks = 1000;
-    std::atomic<int> done{0};
-    for (int i = 0; i < kTasks; ++i) {  // before initial(), they wait
-        ASSERT_TRUE(pool->postTask(new Task([&, i] {
+    for (int i = 0; i < 1000; ++i) {  // before initial(), they wait
+        ASSERT_TRUE(mPool->postTask(new Task([&, i] {
             order.push_back(i);
-            name = ownName();
-            ++done;
+            CThreadManager::instance()->getThreadNameById(CThread::getCurrentThreadId(), name);
+            ++mRan;
         })));
     }
-    ASSERT_TRUE(pool->initial(0, 10, 99, 0));  // one thread
-    ASSERT_TRUE(pool->initial(50, 0, 0, -1)) << "changes nothing";
-    ASSERT_TRUE(waitFor([&] { return done == kTasks; }));
-    for (int i = 0; i < kTasks; ++i) {
-        ASSERT_EQ(order[static_cast<size_t>(i)], i);
-    }
+    ASSERT_TRUE(mPool->initial(0, 10, 99, 0));  // one thread
+    ASSERT_TRUE(mPool->initial(50, 0, 0, -1)) << "changes nothing";
+    ASSERT_TRUE(ran(1000));
+    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
     EXPECT_EQ(name, "threadPool-0");
     EXPECT_TRUE(waitFor([] { return livingTasks == 0; })) << "tasks are deleted after their run";
 }
 
-TEST(ThreadPoolTest, FullQueueLeavesTheTaskToTheCaller) {
+TEST_F(ThreadPoolTest, FullQueueLeavesTheTaskToTheCaller) {
     OrbelTest::LogCapture log;
-    Gate gate;
-    Pool pool(IThreadPool::create("narrow"));
-    ASSERT_TRUE(pool->initial(1, 2, 0, -1));
-    ASSERT_TRUE(pool->postTask(gate.task()));
-    ASSERT_TRUE(waitFor([&] { return gate.entered.load(); }));
-    std::atomic<int> ran{0};
-    for (int i = 0; i < 3; ++i) {  // one more than the limit
-        EXPECT_TRUE(pool->postTask(new Task([&] { ++ran; })));
-    }
-    auto refused = std::make_unique<Task>([&] { ++ran; });
-    EXPECT_FALSE(pool->postTask(refused.get()));
+    create("narrow");
+    startBlocked(2);
+    EXPECT_TRUE(post() && post() && post()) << "one more than the limit";
+    auto refused = std::make_unique<Task>([this] { ++mRan; });
+    EXPECT_FALSE(mPool->postTask(refused.get()));
     EXPECT_TRUE(log.has("threadPool [narrow] push too many task process, queueSize = 3"));
-    gate.open = true;
-    EXPECT_TRUE(waitFor([&] { return ran == 3; }));
+    mOpen = true;
+    EXPECT_TRUE(ran(3));
 }
 
-TEST(ThreadPoolTest, DeInitialDropsWhatWaitsAndFinishesWhatRuns) {
-    Gate gate;
-    Pool pool(IThreadPool::create(""));
-    EXPECT_TRUE(pool->deInitial());
-    ASSERT_TRUE(pool->initial(1, 100, 0, -1));
-    ASSERT_TRUE(pool->postTask(gate.task()));
-    ASSERT_TRUE(waitFor([&] { return gate.entered.load(); }));
-    std::atomic<int> ran{0};
-    for (int i = 0; i < 10; ++i) {
-        ASSERT_TRUE(pool->postTask(new Task([&] { ++ran; })));
-    }
-    std::thread opener([&] {
+TEST_F(ThreadPoolTest, DeInitialDropsWhatWaitsAndFinishesWhatRuns) {
+    create("");
+    EXPECT_TRUE(mPool->deInitial());
+    startBlocked(100);
+    EXPECT_TRUE(post() && post());
+    std::thread opener([this] {
         waitFor([] { return livingTasks == 1; });
-        gate.open = true;
+        mOpen = true;
     });
-    EXPECT_TRUE(pool->deInitial());
+    EXPECT_TRUE(mPool->deInitial());
     opener.join();
-    EXPECT_EQ(ran, 0);
+    EXPECT_EQ(mRan, 0);
     EXPECT_EQ(livingTasks, 0);
 
-    ASSERT_TRUE(pool->initial(2, 100, 0, -1));  // and again
-    ASSERT_TRUE(pool->postTask(nullptr));
-    ASSERT_TRUE(pool->postTask(new Task([&] { ++ran; })));
-    EXPECT_TRUE(waitFor([&] { return ran == 1; })) << "a null task stopped the pool";
-    EXPECT_TRUE(pool->deInitial());
-    ASSERT_TRUE(pool->postTask(new Task([&] { ++ran; })));
-    pool.reset();
+    ASSERT_TRUE(mPool->initial(2, 100, 0, -1));  // and again
+    ASSERT_TRUE(mPool->postTask(nullptr) && post());
+    EXPECT_TRUE(ran(1)) << "a null task stopped the pool";
+    EXPECT_TRUE(mPool->deInitial());
+    ASSERT_TRUE(post());
+    mPool.reset();
     EXPECT_EQ(livingTasks, 0) << "the pool owns what it never ran";
-    EXPECT_EQ(ran, 1);
+    EXPECT_EQ(mRan, 1);
     IThreadPool::destroy(nullptr);
 }
 
-TEST(ThreadPoolTest, ManyPostersManyWorkers) {
-    Pool pool(IThreadPool::create("many"));
-    ASSERT_TRUE(pool->initial(4, 100000, 0, -1));
-    std::atomic<int> ran{0};
+TEST_F(ThreadPoolTest, ManyPostersManyWorkers) {
+    create("many");
+    ASSERT_TRUE(mPool->initial(4, 100000, 0, -1));
     std::vector<std::thread> posters;
     for (int i = 0; i < 3; ++i) {
-        posters.emplace_back([&] {
+        posters.emplace_back([this] {
             for (int n = 0; n < 3000; ++n) {
-                pool->postTask(new Task([&] { ++ran; }));
+                post();
             }
         });
     }
     for (std::thread& poster : posters) {
         poster.join();
     }
-    EXPECT_TRUE(waitFor([&] { return ran == 9000; }));
+    EXPECT_TRUE(ran(9000));
 }
 
 }  // namespace
