@@ -2,11 +2,8 @@
 // prints what came of it.
 
 #include <json/json.h>
-#include <linux/capability.h>
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -15,20 +12,9 @@
 
 #include "Vantel/Orbel/Initialize.h"
 #include "file/FileDefaultOpt.h"
+#include "tests/support/DropCapability.h"
 
 namespace {
-
-bool giveUpRight() {
-    const rlimit none{0, 0};
-    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-    __user_cap_data_struct data[2] = {};
-    if (setrlimit(RLIMIT_MEMLOCK, &none) != 0 || syscall(SYS_capget, &header, data) != 0) {
-        return false;
-    }
-    data[0].effective &= ~(1u << CAP_IPC_LOCK);
-    data[0].permitted &= ~(1u << CAP_IPC_LOCK);
-    return syscall(SYS_capset, &header, data) == 0;
-}
 
 bool memoryIsLocked() {
     std::ifstream status("/proc/self/status");
@@ -44,7 +30,9 @@ bool memoryIsLocked() {
 
 int main(int, char** argv) {
     signal(SIGPIPE, SIG_DFL);  // a test may have passed on another
-    if (std::strcmp(argv[1], "refused") == 0 && !giveUpRight()) {
+    const rlimit none{0, 0};
+    if (std::strcmp(argv[1], "refused") == 0 &&
+        (setrlimit(RLIMIT_MEMLOCK, &none) != 0 || !OrbelTest::dropCapability(CAP_IPC_LOCK))) {
         return 1;
     }
     Json::Value config;

@@ -229,22 +229,19 @@ TEST(CTimerTest, AnyThreadMayDoAnythingAtAnyTime) {
             std::mt19937 random(seed);
             for (int i = 0; i < 2000; ++i) {
                 Probe& probe = probes[random() % 8];
+                CTimer& timer = *probe.timer;
                 switch (random() % 5) {
                     case 0:
-                        probe.timer->start({&probe, &Probe::run}, random() % 3, random() % 30, 7,
-                                           5);
+                        timer.start({&probe, &Probe::run}, random() % 3, random() % 30, 7, 5);
                         break;
                     case 1:
-                        probe.timer->stop(true);
+                        timer.setPeriodTime(random() % 50);
                         break;
                     case 2:
-                        probe.timer->setPeriodTime(random() % 50);
-                        break;
-                    case 3:
-                        probe.timer->enableStat(true);
+                        timer.enableStat(true);
                         break;
                     default:
-                        probe.timer->stop(false);
+                        timer.stop(random() % 2 == 0);
                         break;
                 }
             }

@@ -6,7 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <string>
 
 #include "Vantel/Orbel/CThread.h"
 #include "Vantel/Orbel/CTimer.h"
@@ -27,13 +27,8 @@ void sleepPastTheEnd(unsigned long ms) {
     CThread::sleep(static_cast<int>(ms));
 }
 
-void leave() {
+void leave(unsigned long) {
     std::puts("leaving");
-    std::fflush(stdout);
-}
-
-void exitHere(unsigned long) {
-    leave();
     std::exit(0);
 }
 
@@ -48,9 +43,7 @@ CTimer* late = nullptr;
     CThread::sleep(300);  // its callback comes back meanwhile
 }
 
-}  // namespace
-
-/// As a process becomes a daemon: it has used no timer before, and does so in the child.
+/// Goes on in a child; the parent ends as it does.
 void becomeChild() {
     const pid_t child = fork();
     if (child != 0) {
@@ -60,10 +53,13 @@ void becomeChild() {
     }
 }
 
+}  // namespace
+
 int main(int, char** argv) {
-    if (std::strcmp(argv[1], "daemon") == 0) {
+    const std::string how = argv[1];
+    if (how == "daemon") {  // has used no timer before, and does so in the child
         becomeChild();
-        busy.start(&exitHere, 1, 0, 0, 0);
+        busy.start(&leave, 1, 0, 0, 0);
         CThread::sleep(30000);
         return 1;
     }
@@ -73,22 +69,14 @@ int main(int, char** argv) {
     repeated.start(&nothing, 0, 10, 0, 0);
     late = new CTimer("late");
     late->start(&sleepPastTheEnd, 0, 0, 300, 0);
-    if (std::strcmp(argv[1], "callback") == 0) {
-        busy.start(&exitHere, 0, 0, 0, 0);
+    if (how == "callback") {
+        busy.start(&leave, 0, 0, 0, 0);
         CThread::sleep(30000);
         return 1;
     }
-    if (std::strcmp(argv[1], "fork") == 0) {
-        const pid_t child = fork();
-        if (child == 0) {
-            late->stopAndWait();  // the thread of its callback does not live here
-            std::exit(0);
-        }
-        int status = -1;
-        waitpid(child, &status, 0);
-        leave();
-        return status;
+    if (how == "fork") {
+        becomeChild();
+        late->stopAndWait();  // the thread of its callback does not live here
     }
-    leave();
-    return 0;
+    leave(0);
 }
