@@ -16,7 +16,6 @@
 #include "Vantel/ILogger.h"
 #include "Vantel/Orbel/CThread.h"
 #include "Vantel/Orbel/CTimer.h"
-#include "Vantel/Orbel/CTimerManager.h"
 #include "Vantel/Orbel/SharedMemBuffer.h"
 #include "Vantel/Orbel/SharedMemDomain.h"
 #include "Vantel/Orbel/SharedMemNode.h"
@@ -33,22 +32,17 @@ void fire(unsigned long) {
     fired = true;
 }
 
-bool firesNow(CTimer& timer) {
-    fired = false;
-    timer.start(&fire, 1, 0, 0, 0);
-    for (int i = 0; i < 300 && !(fired && !timer.isRunning()); ++i) {
-        CThread::sleep(100);
-    }
-    return fired;
-}
-
 /// Made before anything of the library is used, and so the last object of ours to go.
 struct First {
     ~First() {
         if (channel != nullptr) {
             auto sample = channel->allocate(8, 0);
             std::printf("commit %d\n", sample != nullptr && channel->commit(sample));
-            std::printf("timer %d\n", firesNow(*timer));
+            timer->start(&fire, 1, 0, 0, 0);
+            for (int i = 0; i < 300 && !(fired && !timer->isRunning()); ++i) {
+                CThread::sleep(100);
+            }
+            std::printf("timer %d\n", fired.load());
         }
     }
 
@@ -59,9 +53,10 @@ struct First {
 First first;
 
 void onLine(ILogger::LoggerLevel, const char* line, int) {
-    const char* const what = std::strstr(line, "ThreadBody leave name = ");
-    if (what != nullptr) {
-        std::printf("%s", what);
+    char name[32];
+    const char* const leave = std::strstr(line, "ThreadBody leave");
+    if (leave != nullptr && std::sscanf(leave, "ThreadBody leave name = %31[^,]", name) == 1) {
+        std::printf("leave %s\n", name);
     }
 }
 

@@ -8,14 +8,11 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
 #include "frame/base/UniqueFd.h"
-#include "tests/support/TestName.h"
 
 using namespace Vantel::Orbel;
 
@@ -31,19 +28,12 @@ TEST(SystemCallTest, ResultIsTheRawWaitStatus) {
 }
 
 TEST(SystemCallTest, CommandInheritsNoDescriptor) {
-    const std::string output = "/tmp/" + OrbelTest::uniqueName("SystemCallTest");
     UniqueFd low(open("/dev/null", O_RDONLY));  // not close-on-exec
     UniqueFd high(fcntl(low.get(), F_DUPFD, 1000));
     ASSERT_TRUE(low.valid() && high.valid());
-    const auto helper =
-        std::filesystem::read_symlink("/proc/self/exe").parent_path() / "ProcessServicesHelper";
-    const std::string command = helper.string() + " > " + output;
-    EXPECT_EQ(systemCall(command.c_str()), 0);
-    std::ostringstream inherited;
-    inherited << std::ifstream(output).rdbuf();
-    EXPECT_EQ(inherited.str(), "");
+    // `ls` has one of its own, for the directory.
+    EXPECT_EQ(systemCall("test $(ls /proc/self/fd | wc -l) -le 4"), 0);
     EXPECT_EQ(fcntl(low.get(), F_GETFD), 0) << "closed in the parent, too";
-    unlink(output.c_str());
 }
 
 TEST(SystemCallTest, SignalsAndThreadsDoNotDisturbTheWait) {
@@ -73,9 +63,8 @@ TEST(SystemLoadTest, CostIsOfAllButTheIdleTicks) {
     } cases[] = {
         {"nothing passed", none, 100000},
         {"idle", {0, 0, 0, 500, 0, 0, 0, 0}, 0},
-        {"busy", {100, 100, 100, 0, 100, 50, 50, 0}, 100000},
         {"a quarter", {10, 5, 5, 75, 5, 0, 0, 0}, 25000},
-        {"steal does not count", {25, 0, 0, 75, 0, 0, 0, 900}, 25000},
+        {"interrupts count, steal does not", {0, 0, 0, 75, 0, 20, 5, 900}, 25000},
         {"more idle than all together",
          {static_cast<uint64_t>(-50), 0, 0, 100, 0, 0, 0, 0},
          100000},
@@ -88,34 +77,31 @@ TEST(SystemLoadTest, CostIsOfAllButTheIdleTicks) {
 TEST(SystemLoadTest, ReadingsAreOfThisMachine) {
     CPUInfo first{};
     CPUInfo second{};
-    ASSERT_TRUE(getCPUInfo(first));
-    ASSERT_TRUE(getCPUInfo(second));
+    ASSERT_TRUE(getCPUInfo(first) && getCPUInfo(second));
     EXPECT_GT(first.idle, 0U);
     EXPECT_GE(second.user, first.user);
 
     long freeMb = -1;
     const long totalMb = getMemorySize(freeMb);
-    EXPECT_GT(freeMb, 0);
-    EXPECT_LT(freeMb, totalMb);
+    EXPECT_TRUE(freeMb > 0 && freeMb < totalMb) << freeMb;
     std::ifstream meminfo("/proc/meminfo");
     std::string word;
     long totalKb = 0;
     meminfo >> word >> totalKb;
     EXPECT_NEAR(static_cast<double>(totalMb), static_cast<double>(totalKb) / 1024, 2);
-    EXPECT_GT(getMemoryUsage(), 0);
-    EXPECT_LT(getMemoryUsage(), 100);
+    EXPECT_TRUE(getMemoryUsage() > 0 && getMemoryUsage() < 100);
 }
 
 TEST(EnvironmentTest, SetReadRemove) {
     EXPECT_EQ(getEnvVariable(nullptr), nullptr);
     EXPECT_EQ(getEnvVariable(""), nullptr);
     EXPECT_EQ(setEnvVariable(nullptr, "x"), -1);
+    EXPECT_EQ(setEnvVariable("A=B", "x"), -1);
     EXPECT_EQ(setEnvVariable("ORBEL_TEST", "one"), 0);
     EXPECT_EQ(setEnvVariable("ORBEL_TEST", "two"), 0);
     EXPECT_STREQ(getEnvVariable("ORBEL_TEST"), "two");
     EXPECT_EQ(setEnvVariable("ORBEL_TEST", nullptr), 0);
     EXPECT_EQ(getEnvVariable("ORBEL_TEST"), nullptr);
-    EXPECT_EQ(setEnvVariable("A=B", "x"), -1);
 }
 
 /// The processors that a thread may run on.
