@@ -7,7 +7,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "tests/support/WaitFor.h"
 
@@ -137,31 +136,27 @@ TEST(TSignalThreads, DetachWaitsForARunningEmission) {
 }
 
 TEST(TSignalThreads, AttachDetachAndEmitFromAllSides) {
-    struct Adder {
-        void add(int value) { sum += value; }
-        std::atomic<int>& sum;
+    struct Counter {
+        void count() { ++calls; }
+        std::atomic<int> calls{0};
     };
-    TSignal<int> signal;
-    std::atomic<int> sum{0};
-    Adder fixed{sum};
-    signal.attach({&fixed, &Adder::add});
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([&] {
-            std::atomic<int> local{0};
-            for (int round = 0; round < 500; ++round) {
-                Adder own{local};
-                signal.attach({&own, &Adder::add});
-                signal(1);
-                signal.detach({&own, &Adder::add});
-            }
-            EXPECT_GE(local, 500);
-        });
-    }
+    TSignal<> signal;
+    Counter common;
+    signal.attach({&common, &Counter::count});
+    const auto work = [&] {
+        Counter own;
+        for (int round = 0; round < 500; ++round) {
+            signal.attach({&own, &Counter::count});
+            signal();
+            signal.detach({&own, &Counter::count});
+        }
+        EXPECT_GE(own.calls, 500);
+    };
+    std::thread threads[] = {std::thread(work), std::thread(work), std::thread(work)};
     for (auto& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(sum, 1500);
+    EXPECT_EQ(common.calls, 1500);
 }
 
 }  // namespace

@@ -186,15 +186,34 @@ TEST_F(ThreadTest, NamesAreCutAndCopiedAndLiteOnesToldToTheKernel) {
     EXPECT_FALSE(CThread::setCurrentThreadName(nullptr));
 }
 
+/// What a thread finds itself with.
+struct Attributes {
+    int nice = -100;
+    int core = -1;
+    int policy = -1;
+    sched_param parameter{};
+    size_t stackSize = 0;
+
+    void look(CThread&) {
+        nice = getpriority(PRIO_PROCESS, static_cast<id_t>(CThread::getCurrentThreadId()));
+        core = sched_getcpu();
+        pthread_getschedparam(pthread_self(), &policy, &parameter);
+        pthread_attr_t attributes;
+        void* base = nullptr;
+        pthread_getattr_np(pthread_self(), &attributes);
+        pthread_attr_getstack(&attributes, &base, &stackSize);
+        pthread_attr_destroy(&attributes);
+    }
+    std::function<void(CThread&)> body() {
+        return [this](CThread& self) { look(self); };
+    }
+};
+
 TEST_F(ThreadTest, SchedulingOfNormalThreads) {
     EXPECT_EQ(niceValue(1), -19);
     EXPECT_EQ(niceValue(64), 0);
-    std::atomic<int> nice{-100};
-    std::atomic<int> core{-1};
-    TestThread thread([&](CThread&) {
-        nice = getpriority(PRIO_PROCESS, static_cast<id_t>(CThread::getCurrentThreadId()));
-        core = sched_getcpu();
-    });
+    Attributes seen;
+    TestThread thread(seen.body());
     thread.setSchedulePolicy(127, false);
     EXPECT_TRUE(mLog.has("thread:TestThread set schedule priority:127,policy:N"));
     thread.setSchedulePolicy(-1, false);  // keeps the priority
@@ -205,10 +224,10 @@ TEST_F(ThreadTest, SchedulingOfNormalThreads) {
     EXPECT_FALSE(thread.setRunCPUCoreId(0));
     EXPECT_TRUE(mLog.has("has set affinity cpu id"));
     ASSERT_TRUE(thread.run());
-    EXPECT_EQ(nice, 19);
-    EXPECT_EQ(core, 0);
+    EXPECT_EQ(seen.nice, 19);
+    EXPECT_EQ(seen.core, 0);
 
-    EXPECT_TRUE(TestThread([](CThread&) {}, "odd", 64, 5, 0).run());
+    EXPECT_TRUE(TestThread(seen.body(), "odd", 64, 5, 0).run());
     EXPECT_TRUE(mLog.has("CThread::CreateThread policy isn't set properly, policy = 5"));
 }
 
@@ -216,44 +235,25 @@ TEST_F(ThreadTest, RealTimeWhereThePrivilegeIsThere) {
     EXPECT_EQ(realtimePriority(1, 1, 99), 99);
     EXPECT_EQ(realtimePriority(64, 1, 99), 50);
     EXPECT_EQ(realtimePriority(127, 1, 99), 1);
-    std::atomic<int> policy{-1};
-    std::atomic<int> priority{-1};
-    TestThread thread(
-        [&](CThread&) {
-            sched_param parameter{};
-            int got = -1;
-            pthread_getschedparam(pthread_self(), &got, &parameter);
-            policy = got;
-            priority = parameter.sched_priority;
-        },
-        "rt", 64, 1, 0);
+    Attributes seen;
+    TestThread thread(seen.body(), "rt", 64, 1, 0);
     if (!thread.createThread()) {
         EXPECT_TRUE(mLog.has("pthread create failed, errno=1"));
         EXPECT_TRUE(thread.looping()) << "stays set after a failed start";
         GTEST_SKIP() << "no right to first-in-first-out scheduling";
     }
     ASSERT_TRUE(thread.waitUntilOver());
-    EXPECT_EQ(policy, SCHED_FIFO);
-    EXPECT_EQ(priority, realtimePriority(64, sched_get_priority_min(SCHED_FIFO),
-                                         sched_get_priority_max(SCHED_FIFO)));
+    EXPECT_EQ(seen.policy, SCHED_FIFO);
+    EXPECT_EQ(seen.parameter.sched_priority,
+              realtimePriority(64, sched_get_priority_min(SCHED_FIFO),
+                               sched_get_priority_max(SCHED_FIFO)));
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 TEST_F(ThreadTest, SmallestStackCarriesTheThreadAndItsLogLines) {
-    std::atomic<size_t> size{0};
-    TestThread thread(
-        [&](CThread&) {
-            pthread_attr_t attributes;
-            void* base = nullptr;
-            size_t got = 0;
-            pthread_getattr_np(pthread_self(), &attributes);
-            pthread_attr_getstack(&attributes, &base, &got);
-            pthread_attr_destroy(&attributes);
-            size = got;
-        },
-        "small", 64, 0, 1000);
-    ASSERT_TRUE(thread.run());
-    EXPECT_EQ(size, 16384U);
+    Attributes seen;
+    ASSERT_TRUE(TestThread(seen.body(), "small", 64, 0, 1000).run());
+    EXPECT_EQ(seen.stackSize, 16384U);
     EXPECT_TRUE(mLog.has("ThreadBody leave name = small"));
 }
 #endif
