@@ -89,14 +89,14 @@ const void* addressAt(ListArea area, uint64_t offset) {
 
 /// Frees the block at an offset that passed the check; -1 if its head has an impossible order.
 int32_t freeBlock(BuddyPrivateData& priv, size_t offset) {
-    ZoneStore store(priv);
     const auto page = static_cast<uint32_t>(offset >> priv.pageShift);
-    const uint32_t order = allocatedOrder(store.state(page));
-    if (order >= store.orderCount() || page + (uint64_t{1} << order) > store.pageCount()) {
-        ORBEL_LOG_ERROR("block at page %u has order %u.\n", page, order);
+    const int32_t order = allocatedOrderAt(priv, page);
+    if (order < 0) {
+        ORBEL_LOG_ERROR("block at page %u leads out of the pages.\n", page);
         return -1;
     }
-    givePages(store, page, order);
+    ZoneStore store(priv);
+    givePages(store, page, static_cast<uint32_t>(order));
     return 0;
 }
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "memory/BuddyPages.h"
 #include "memory/share/Buddy.h"
 
 namespace Vantel::Memory {
@@ -22,6 +23,16 @@ inline ListArea privateArea(const BuddyPrivateData& priv) {
 /// The state of a page; relaxed, since some callers have no lock.
 inline int32_t pageState(const BuddyPrivateData& priv, size_t page) {
     return std::atomic_ref(priv.nodes[page].order).load(std::memory_order_relaxed);
+}
+
+/// The order of the allocated block that `page`, any number, heads; -1 if it heads none, or one
+/// that would lead out of the pages.
+inline int32_t allocatedOrderAt(const BuddyPrivateData& priv, uint64_t page) {
+    const int32_t state = page < priv.pageCount ? pageState(priv, page) : kInsideBlock;
+    const uint32_t order = allocatedOrder(state);
+    const bool fits = state < 0 && order < priv.config.orderNum &&
+                      page + (uint64_t{1} << order) <= priv.pageCount;
+    return fits ? static_cast<int32_t>(order) : -1;
 }
 
 }  // namespace Vantel::Memory

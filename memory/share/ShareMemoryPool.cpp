@@ -3,7 +3,6 @@
 #include "Vantel/Orbel/CTimer.h"
 #include "frame/base/Log.h"
 #include "frame/base/Require.h"
-#include "memory/BuddyPages.h"
 #include "memory/share/Buddy.h"
 #include "memory/share/BuddyZone.h"
 #include "memory/share/MemoryRefer.h"
@@ -197,12 +196,8 @@ bool ShareMemoryPool::startCleaning() {
 /// Bytes of the block in use at `offset`, which the caller holds; 0 if none is there.
 uint32_t ShareMemoryPool::blockSize(int32_t offset) const {
     const BuddyPrivateData& priv = *mInternal->buddy()->internal;
-    const uint32_t page = static_cast<uint32_t>(offset) >> priv.pageShift;
-    const int32_t state = page < priv.pageCount ? pageState(priv, page) : kInsideBlock;
-    if (state >= 0 || allocatedOrder(state) >= priv.config.orderNum) {
-        return 0;
-    }
-    return priv.config.pageSize << allocatedOrder(state);
+    const int32_t order = allocatedOrderAt(priv, static_cast<uint32_t>(offset) >> priv.pageShift);
+    return order < 0 ? 0 : priv.config.pageSize << order;
 }
 
 }  // namespace Vantel::Memory

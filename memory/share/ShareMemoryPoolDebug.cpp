@@ -84,6 +84,11 @@ bool ShareMemoryPoolDebug::free(void* addr) {
     return true;
 }
 
+bool ShareMemoryPoolDebug::getOffset(void* buf, int32_t& offset) {
+    GuardRecord record{};
+    return ShareMemoryPool::getOffset(buf, offset) && !findRecord(buf, record);
+}
+
 /// The record in front of `addr`, if there is one. It stands where others write, and is another
 /// process's if that allocated the block: addresses outside of this mapping are no record's.
 bool ShareMemoryPoolDebug::findRecord(const void* addr, GuardRecord& record) const {

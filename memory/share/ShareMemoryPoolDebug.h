@@ -22,6 +22,10 @@ public:
     /// Also takes what has no guard, such as the result of getMemory(). True in all cases.
     bool free(void* addr) override;
 
+    /// False for what malloc() gave, also where a block of its own began before: the buddy may
+    /// still have it for one.
+    bool getOffset(void* buf, int32_t& offset) override;
+
 private:
     struct Placement {
         uint8_t* guard;

@@ -25,6 +25,8 @@ namespace {
 
 constexpr key_t kMetaKey = 0x111115AC;
 constexpr key_t kDataKey = 0x111115AD;
+constexpr size_t kBuddy = kMutexZoneSize + kReferZoneSize + kSmallMemZoneSize;
+constexpr size_t kInfo = kBuddy + sizeof(ZoneHead);
 
 class Peer : public HelperProcess {
 public:
@@ -40,6 +42,31 @@ public:
         writeLine(line);
         return wait();
     }
+};
+
+/// The segment of a key, mapped.
+class Segment {
+public:
+    Segment(key_t key, size_t size, int flags) : mId(shmget(key, size, flags)) {
+        mBase = static_cast<uint8_t*>(shmat(mId, nullptr, 0));
+    }
+    Segment(const Segment&) = delete;
+    Segment& operator=(const Segment&) = delete;
+    ~Segment() { shmdt(mBase); }
+
+    template <class Record>
+    Record& at(size_t offset) {
+        return *reinterpret_cast<Record*>(mBase + offset);
+    }
+    unsigned long attached() const {
+        shmid_ds state{};
+        shmctl(mId, IPC_STAT, &state);
+        return state.shm_nattch;
+    }
+
+private:
+    int mId;
+    uint8_t* mBase;
 };
 
 class SharePool : public OrbelTest::PrivateIpcTest {
@@ -188,6 +215,20 @@ TEST_F(SharePool, AForgedDescriptionIsRefusedAndChangesNothing) {
     tooMuch.packetSize = 0xFFFFFFFF;
     EXPECT_EQ(b.ask("claim " + hexOf(&tooMuch, sizeof tooMuch) + good.substr(160)), "invalid");
     EXPECT_EQ(b.ask("claim " + good.substr(0, 100)), "unchanged") << "any packet may be handed in";
+    {
+        Segment meta(kMetaKey, 0, 0);
+        auto& info = meta.at<BuddyInfo>(kInfo);
+        auto& node =
+            meta.at<PageNode>(kInfo + info.nodeOffset + block.offset / 4096 * sizeof(PageNode));
+        const int32_t was = std::exchange(node.order, ~7);
+        BlockDescription forged = block;
+        forged.size = 4096 << 7;
+        ShareDescription whole = head;
+        memcpy(whole.block, &forged, sizeof forged);
+        EXPECT_EQ(b.ask("claim " + hexOf(&whole, sizeof whole) + good.substr(160)), "invalid")
+            << "a block that leads out of the pool";
+        node.order = was;
+    }
 
     EXPECT_EQ(b.ask("claim " + a.ask("describe 0")), "0") << "the pool suffered";
     EXPECT_EQ(b.ask("text 0"), "packet 0");
@@ -226,33 +267,13 @@ TEST_F(SharePool, AWriteOutOfBoundsFaultsOnTheGuardedSideOnly) {
             EXPECT_EQ(peer.ask("unguard"), "done") << "a second time";
             EXPECT_EQ(peer.ask("free"), atFirst);
             EXPECT_EQ(peer.ask("packet 100 0"), "invalid") << "a guarded block has no offset";
+            // Here the data begin where a block of its own began before.
+            EXPECT_EQ(peer.ask("packet 8000 0"), "invalid");
             EXPECT_EQ(peer.ask("guard 2147483647"), "no");
             EXPECT_EQ(peer.ask("free"), atFirst);
         }
     }
 }
-
-/// The segment of a key, mapped.
-class Segment {
-public:
-    Segment(key_t key, size_t size, int flags) : mId(shmget(key, size, flags)) {
-        mBase = static_cast<uint8_t*>(shmat(mId, nullptr, 0));
-    }
-    Segment(const Segment&) = delete;
-    Segment& operator=(const Segment&) = delete;
-    ~Segment() { shmdt(mBase); }
-
-    uint32_t& word(size_t offset) { return *reinterpret_cast<uint32_t*>(mBase + offset); }
-    unsigned long attached() const {
-        shmid_ds state{};
-        shmctl(mId, IPC_STAT, &state);
-        return state.shm_nattch;
-    }
-
-private:
-    int mId;
-    uint8_t* mBase;
-};
 
 TEST_F(SharePool, NobodyAttachesToWhatIsNotAWholePool) {
     Peer early;
@@ -269,8 +290,6 @@ TEST_F(SharePool, NobodyAttachesToWhatIsNotAWholePool) {
         creator.killAndReap();
     }
     Segment meta(kMetaKey, 0, 0);
-    constexpr size_t kBuddy = kMutexZoneSize + kReferZoneSize + kSmallMemZoneSize;
-    constexpr size_t kInfo = kBuddy + sizeof(ZoneHead);
     const struct {
         const char* why;
         size_t offset;
@@ -289,10 +308,10 @@ TEST_F(SharePool, NobodyAttachesToWhatIsNotAWholePool) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
-        const uint32_t was = std::exchange(meta.word(c.offset), c.value);
+        const uint32_t was = std::exchange(meta.at<uint32_t>(c.offset), c.value);
         EXPECT_EQ(early.ask("attach"), "no");
         EXPECT_EQ(meta.attached(), 1u) << "left attached";
-        meta.word(c.offset) = was;
+        meta.at<uint32_t>(c.offset) = was;
     }
     EXPECT_EQ(early.ask("attach"), "yes") << "the tries before broke it";
 
