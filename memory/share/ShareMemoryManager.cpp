@@ -102,6 +102,12 @@ public:
         uint8_t* meta;
         uint8_t* data;
     };
+    struct States {
+        ShareMemState meta;
+        ShareMemState data;
+
+        bool operator==(const States&) const = default;
+    };
 
     bool getSegments(int32_t metaSize, int32_t dataSize, int32_t flags, Segments& segments) const;
     void releaseSegments(const Segments& segments, int32_t how) const;
@@ -114,9 +120,9 @@ public:
     SegmentRelease mSegmentRelease = shareMemRelease;
 
 private:
-    size_t segmentBytes(const char* key) const;
+    States states() const;
     ShareMemoryPool* attach(const ShareMemoryPool::Param& param, const Segments& segments,
-                            bool creating) const;
+                            const States& found, bool creating) const;
 };
 
 /// Both or none; with sizes of 0 they are taken as they are.
@@ -144,19 +150,23 @@ void ShareMemoryManager::Internal::releaseSegments(const Segments& segments, int
     mSegmentRelease(kDataKey, segments.data, how);
 }
 
-/// Whoever replaced the source of the segments vouches for their sizes.
-size_t ShareMemoryManager::Internal::segmentBytes(const char* key) const {
-    return mSegmentGet == shareMemGet ? shareMemSize(key) : SIZE_MAX;
+/// What the keys name now. Whoever replaced the source of the segments vouches for their sizes.
+ShareMemoryManager::Internal::States ShareMemoryManager::Internal::states() const {
+    constexpr ShareMemState kUnknown{-1, SIZE_MAX};
+    return mSegmentGet == shareMemGet ? States{shareMemState(kMetaKey), shareMemState(kDataKey)}
+                                      : States{kUnknown, kUnknown};
 }
 
-/// The pool over mapped segments; null with an error line.
+/// The pool over mapped segments, which were `found` before; null with an error line.
 ShareMemoryPool* ShareMemoryManager::Internal::attach(const ShareMemoryPool::Param& param,
-                                                      const Segments& segments,
+                                                      const Segments& segments, const States& found,
                                                       bool creating) const {
     Zones zones{};
-    // Only the creator sets zones up: two at it would each undo what the other has done.
-    if (!walkZones(segments.meta, segmentBytes(kMetaKey), zones) ||
-        !(creating || poolReady(zones))) {
+    // Only the creator sets zones up: two at it would each undo what the other has done. A creator
+    // may have replaced one segment before it was mapped and the other after: both are of one pool
+    // if the keys name the same ones still, now that the pool is seen complete.
+    if (!walkZones(segments.meta, found.meta.bytes, zones) || !(creating || poolReady(zones)) ||
+        states() != found) {
         ORBEL_LOG_ERROR("shareMemGet failed.\n");
         return nullptr;
     }
@@ -165,7 +175,7 @@ ShareMemoryPool* ShareMemoryManager::Internal::attach(const ShareMemoryPool::Par
         return nullptr;
     }
     Buddy* const buddy =
-        attachBuddy(buddyConfigOf(param), zones.buddy, segments.data, segmentBytes(kDataKey));
+        attachBuddy(buddyConfigOf(param), zones.buddy, segments.data, found.data.bytes);
     if (buddy == nullptr) {
         return nullptr;
     }
@@ -195,11 +205,12 @@ ShareMemoryPool* ShareMemoryManager::Internal::load(const ShareMemoryPool::Param
     if (pool != nullptr) {
         return pool;  // not counted, as it stands
     }
+    const States found = states();
     Segments segments{};
     if (!getSegments(0, 0, 0, segments)) {
         return nullptr;
     }
-    pool = attach(param, segments, creating);
+    pool = attach(param, segments, found, creating);
     if (pool == nullptr) {
         releaseSegments(segments, kShareMemDetach);
         return nullptr;

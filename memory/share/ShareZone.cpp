@@ -115,10 +115,13 @@ int32_t shareMemRelease(const char* key, void* addr, int32_t how) {
     }
 }
 
-size_t shareMemSize(const char* key) {
+ShareMemState shareMemState(const char* key) {
     shmid_ds state{};
     const int segment = shmget(stringToKey(key), 0, kAccess);
-    return segment >= 0 && shmctl(segment, IPC_STAT, &state) == 0 ? state.shm_segsz : 0;
+    if (segment < 0 || shmctl(segment, IPC_STAT, &state) != 0) {
+        return {-1, 0};
+    }
+    return {segment, state.shm_segsz};
 }
 
 int32_t memProtect(void* addr, int32_t len, int32_t prot) {

@@ -48,9 +48,17 @@ void* shareMemGet(const char* key, int32_t size, int32_t flags);
 /// 0, or -1 with an error line.
 int32_t shareMemRelease(const char* key, void* addr, int32_t how);
 
-/// Bytes of the segment of `key` as it is now, 0 (without a line) if there is none. Whatever is
-/// read from a segment is to be checked against it.
-size_t shareMemSize(const char* key);
+/// A segment by its number, which no later one of the same key has, and its bytes. Whatever is read
+/// from a segment is to be checked against them.
+struct ShareMemState {
+    int id;
+    size_t bytes;
+
+    bool operator==(const ShareMemState&) const = default;
+};
+
+/// The segment that `key` names now; -1 and 0 (without a line) if there is none.
+ShareMemState shareMemState(const char* key);
 
 /// mprotect() of `len` bytes; 0, or its negative result with an error line.
 int32_t memProtect(void* addr, int32_t len, int32_t prot);

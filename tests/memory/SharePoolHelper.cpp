@@ -2,6 +2,8 @@
 // one line. Packets are named by the order in which they were made here.
 //
 //     create DATA PAGE MODE | attach          yes, no
+//     attachSlowly N                          "attaching" before it looks for the data segment the
+//                                             Nth time; then, after another line, yes, no
 //     packet SIZE EXTRA | claim HEX           the packet's name, or "invalid"
 //     describe PACKET                         HEX, or "invalid"
 //     text PACKET | extra PACKET | addr PACKET
@@ -10,6 +12,10 @@
 //     release                                 lets go of the pool, which ends the process
 //     guard SIZE                              yes, no: a block of the pool itself
 //     poke OFFSET | unguard                   done: writes a byte there; gives the block back
+
+#include <sys/shm.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -28,8 +34,11 @@ using namespace Vantel::Memory;
 
 namespace {
 
+constexpr key_t kDataKey = 0x111115AD;
+
 std::vector<Packet> packets;
 uint8_t* guarded = nullptr;
+int lookUpsToPause = 0;  // of the data segment
 
 void freeBytes(void* bytes, unsigned long, unsigned char*) {
     free(bytes);
@@ -140,6 +149,10 @@ std::string answer(const std::string& line) {
     if (word == "create" || word == "attach") {
         return initial(in, word == "create" ? 1 : 0);
     }
+    if (word == "attachSlowly") {
+        in >> lookUpsToPause;
+        return initial(in, 0);
+    }
     if (word == "packet") {
         int size = 0;
         int extraSize = 0;
@@ -164,6 +177,16 @@ std::string answer(const std::string& line) {
 }
 
 }  // namespace
+
+/// In place of the C library's.
+extern "C" int shmget(key_t key, size_t size, int flags) noexcept {
+    if (key == kDataKey && lookUpsToPause > 0 && --lookUpsToPause == 0) {
+        std::cout << "attaching" << std::endl;
+        std::string line;
+        std::getline(std::cin, line);
+    }
+    return static_cast<int>(syscall(SYS_shmget, key, size, flags));
+}
 
 int main() {
     initializeMemory(policyShare, nullptr, nullptr);

@@ -330,4 +330,19 @@ TEST_F(SharePool, NobodyAttachesToWhatIsNotAWholePool) {
     EXPECT_FALSE(WIFEXITED(early.statusAfter("release")) && "goes on without a pool");
 }
 
+TEST_F(SharePool, NobodyAttachesToPartsOfTwoPools) {
+    for (const char* lookUp : {"1", "2", "3"}) {
+        SCOPED_TRACE(lookUp);
+        Peer old;
+        createPool(old);
+        Peer slow;
+        ASSERT_EQ(slow.ask(std::string("attachSlowly ") + lookUp), "attaching");
+        Peer next;
+        createPool(next);
+        EXPECT_EQ(slow.ask("go on"), "no");
+        EXPECT_EQ(Segment(kMetaKey, 0, 0).attached(), 2u) << "left attached";
+        EXPECT_EQ(slow.ask("attach"), "yes");
+    }
+}
+
 }  // namespace

@@ -51,7 +51,7 @@ protected:
             if (address != nullptr) {
                 EXPECT_EQ(shareMemRelease(key, address, kShareMemRemove), 0);
                 EXPECT_EQ(shareMemRelease(key, address, kShareMemDetach), 0);
-                EXPECT_EQ(shareMemSize(key), 0U);
+                EXPECT_EQ(shareMemState(key).bytes, 0U);
             }
         }
     }
@@ -162,11 +162,11 @@ TEST_F(ShareProcess, SegmentsByKey) {
     auto* const fresh = static_cast<char*>(shareMemGet(key, 200, kShareMemCreate));
     ASSERT_NE(fresh, nullptr);
     EXPECT_EQ(fresh[0], 0) << "what was left of a crashed run";
-    EXPECT_EQ(shareMemSize(key), 200U);
+    EXPECT_EQ(shareMemState(key).bytes, 200U);
     EXPECT_EQ(left[0], 'x') << "it goes with its last user";
     // As it stands: one that is too small for the asker is removed.
     EXPECT_EQ(shareMemGet(key, 1 << 20, 0), nullptr);
-    EXPECT_EQ(shareMemSize(key), 0U);
+    EXPECT_EQ(shareMemState(key).bytes, 0U);
 
     const int invalid = mLog.count("]param invalid.\n");
     EXPECT_EQ(shareMemGet(nullptr, 1, kShareMemCreate), nullptr);
