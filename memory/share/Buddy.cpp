@@ -14,11 +14,10 @@ namespace {
 
 /// The zone's lists and nodes under its lock, for the arithmetic.
 ///
-/// A process killed between two stores may leave a list torn and a page that is free by its state
-/// and on no list: both are lost, and nothing worse may come of it. So what a list gives must be
-/// free by its state, which is 0 or negative in all blocks that are out; and a page is only taken
-/// from the midst of a list that agrees. The state is written before a page is listed and after it
-/// has been taken off.
+/// A process killed between two stores may leave a page that is free by its state and on no list:
+/// it is lost, and nothing worse may come of it. So what a list gives must be free by its state,
+/// which is 0 or negative in all blocks that are out; and a page is only taken from the midst of a
+/// list that agrees. The state is written before a page is listed and after it has been taken off.
 class ZoneStore {
 public:
     explicit ZoneStore(BuddyPrivateData& priv) : mPriv(priv), mArea(privateArea(priv)) {}

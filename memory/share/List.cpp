@@ -1,8 +1,21 @@
 #include "memory/share/List.h"
 
+#include <atomic>
+
 #include "frame/base/Require.h"
 
 namespace Vantel::Memory {
+
+namespace {
+
+/// One step of an operation. The fence keeps the compiler from moving it in front of those before
+/// it: the process may be killed between any two.
+void put(uint64_t& link, uint64_t offset) {
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    link = offset;
+}
+
+}  // namespace
 
 List* ListArea::at(uint64_t offset) const {
     if (offset % alignof(List) != 0 || sizeBytes < sizeof(List) ||
@@ -32,7 +45,7 @@ bool listInsert(List* head, List* node, ListArea area) {
     const uint64_t firstOffset = head->next;
     if (firstOffset == kListNone) {
         listInit(node, area.base);
-        head->next = own;
+        put(head->next, own);
         return true;
     }
     List* const first = area.at(firstOffset);
@@ -43,9 +56,9 @@ bool listInsert(List* head, List* node, ListArea area) {
     }
     node->next = firstOffset;
     node->prev = lastOffset;
-    last->next = own;
-    first->prev = own;
-    head->next = own;
+    put(last->next, own);
+    put(first->prev, own);
+    put(head->next, own);
     return true;
 }
 
@@ -53,22 +66,25 @@ bool listRemove(List* head, List* node, ListArea area) {
     ORBEL_REQUIRE(head != nullptr, "head != osNullptr\n");
     ORBEL_REQUIRE(node != nullptr, "node != osNullptr\n");
     const uint64_t own = area.offsetOf(node);
+    const uint64_t firstOffset = head->next;
     const uint64_t prevOffset = node->prev;
-    const uint64_t nextOffset = node->next;
-    if (head->next == own && nextOffset == own) {
+    if (firstOffset == own && (node->next == own || prevOffset == own)) {
         head->next = kListNone;
         return true;
     }
+    const List* const first = firstOffset == kListNone ? nullptr : area.at(firstOffset);
+    const bool isLast = first != nullptr && first->prev == own;
+    const uint64_t nextOffset = isLast ? firstOffset : node->next;
     List* const prev = area.at(prevOffset);
     List* const next = area.at(nextOffset);
-    if (prev == nullptr || next == nullptr) {
+    if (prev == nullptr || next == nullptr || (firstOffset != own && prev->next != own)) {
         return false;
     }
-    if (head->next == own) {
-        head->next = nextOffset;
+    if (firstOffset == own) {
+        put(head->next, nextOffset);
     }
-    prev->next = nextOffset;
-    next->prev = prevOffset;
+    put(next->prev, prevOffset);
+    put(prev->next, nextOffset);
     return true;
 }
 

@@ -30,6 +30,11 @@ struct ListArea {
 };
 
 // All of these: whoever holds the lock of the list. A null head or list ends the process.
+//
+// A process killed at any point of an insertion or a removal leaves a list that the others go on
+// with: from the head, `next` leads over members only, up to the one that the first one's `prev`
+// names, which is always right. What else points wrong by then is not relied on: the last one's
+// `next`, and the `prev` of one in the midst.
 
 /// With a base: a ring of one. With a null base: an empty head.
 void listInit(List* list, const uint8_t* base);
@@ -40,7 +45,8 @@ bool listEmpty(const List* head);
 /// changed, if a link that it needs leads outside of `area`; the same for listRemove().
 bool listInsert(List* head, List* node, ListArea area);
 
-/// Takes a member out; its own fields stay as they are.
+/// Takes a member out; its own fields stay as they are. False also for one in the midst whose
+/// neighbour in front does not point at it.
 bool listRemove(List* head, List* node, ListArea area);
 
 /// The record whose link, `linkOffset` bytes into it, is `link`; null if it doesn't lie in `area`
