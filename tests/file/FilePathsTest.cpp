@@ -1,4 +1,4 @@
-// Mounts, and the static operations of File on paths and trees.
+// The static operations of File on paths and trees.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -6,11 +6,9 @@
 
 #include <ctime>
 #include <functional>
-#include <memory>
 
 #include "Vantel/Orbel/File.h"
 #include "file/FileDefaultOpt.h"
-#include "file/MountTable.h"
 #include "tests/file/ScriptedFileSystem.h"
 #include "tests/file/TempDirectory.h"
 #include "tests/support/LogCapture.h"
@@ -23,58 +21,6 @@ using OrbelTest::TempDirectory;
 using Asked = std::vector<std::string>;
 
 namespace {
-
-TEST(MountTest, FirstPlaceThatFitsHasThePath) {
-    IFileSystem* const none = FileDefaultOpt::instance();
-    const std::string longPrefix = "/" + std::string(300, 'l');
-    auto outer = std::make_unique<ScriptedFileSystem>("/a");
-    ScriptedFileSystem inner("/a/b");
-    ScriptedFileSystem cut(longPrefix.c_str());
-    const struct {
-        const char* path;
-        IFileSystem* table;
-    } cases[] = {
-        {"/a", outer.get()},   {"/a/b/c", outer.get()},
-        {"/abc", outer.get()},  // characters count, not components
-        {"/b", none},          {"", none},
-        {nullptr, none},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(_findOpts(c.path), c.table) << (c.path == nullptr ? "null" : c.path);
-    }
-    EXPECT_EQ(_findOpts(longPrefix.c_str()), &cut);
-    EXPECT_EQ(_findOpts(longPrefix.substr(0, 255).c_str()), &cut);
-    EXPECT_EQ(_findOpts(longPrefix.substr(0, 254).c_str()), none);
-    hookFileSystem(longPrefix.c_str(), nullptr);
-    EXPECT_EQ(_findOpts(longPrefix.c_str()), &cut) << "it stands there under another prefix";
-    hookFileSystem(longPrefix.substr(0, 255).c_str(), nullptr);
-    EXPECT_EQ(_findOpts(longPrefix.c_str()), none);
-
-    hookFileSystem("/a/b", outer.get());  // present already: not noticed, and never reached
-    hookFileSystem("/a", nullptr);
-    EXPECT_EQ(_findOpts("/a/b/c"), &inner);
-    EXPECT_EQ(_findOpts("/abc"), none);
-    hookFileSystem("/a/b", nullptr);
-    EXPECT_EQ(_findOpts("/a/b/c"), outer.get());
-    hookFileSystem("/a/b", nullptr);
-    hookFileSystem(nullptr, outer.get());
-    hookFileSystem("", outer.get());
-    EXPECT_EQ(_findOpts("/x"), none);
-}
-
-TEST(MountTest, TableHas31Places) {
-    std::vector<std::unique_ptr<ScriptedFileSystem>> mounts;
-    for (int i = 0; i < 32; ++i) {
-        mounts.push_back(
-            std::make_unique<ScriptedFileSystem>(("/m" + std::to_string(i) + "/").c_str()));
-    }
-    EXPECT_EQ(_findOpts("/m30/x"), mounts[30].get());
-    EXPECT_EQ(_findOpts("/m31/x"), FileDefaultOpt::instance());
-    mounts.erase(mounts.begin());
-    hookFileSystem("/m31/", mounts[0].get());
-    EXPECT_EQ(_findOpts("/m31/x"), mounts[0].get());
-    hookFileSystem("/m31/", nullptr);
-}
 
 TEST(FilePathsTest, OperationsGoToTheMountAndRefuseEmptyPaths) {
     FileInfo info{};
@@ -107,6 +53,7 @@ TEST(FilePathsTest, OperationsGoToTheMountAndRefuseEmptyPaths) {
         EXPECT_FALSE(c.call(nullptr));
         EXPECT_FALSE(c.call(""));
     }
+    hookFileSystem(nullptr, &table);
     EXPECT_FALSE(File::rename("/x", nullptr));
     EXPECT_FALSE(File::isDirectory(nullptr) || File::isLargerFile("") || File::isEmptyDir(""));
     EXPECT_FALSE(File::removeDirectoryForce("") || File::removeEmptyDirs(nullptr, 0));
@@ -115,13 +62,17 @@ TEST(FilePathsTest, OperationsGoToTheMountAndRefuseEmptyPaths) {
 }
 
 TEST(FilePathsTest, WhatTheDefaultTableTellsOfAPath) {
-    TempDirectory directory;
+    const TempDirectory directory;
+    const OrbelTest::LogCapture log;
     const std::string file = directory.write("file", "text");
-    ASSERT_TRUE(File::symlink(file.c_str(), (directory / "link").c_str()));
+    const std::string link = directory / "link";
+    ASSERT_TRUE(File::symlink(file.c_str(), link.c_str()));
+    EXPECT_FALSE(File::symlink(file.c_str(), link.c_str()));
+    EXPECT_TRUE(log.has("link " + file + " to " + link + " failed,error message:File exists"));
     ASSERT_EQ(chmod(file.c_str(), 0444), 0);
     FileInfo info{};
-    ASSERT_TRUE(File::stat((directory / "link").c_str(), info));
-    EXPECT_EQ(info.name, directory / "link");
+    ASSERT_TRUE(File::stat(link.c_str(), info));
+    EXPECT_EQ(info.name, link);
     EXPECT_EQ(info.attr, FileInfo::kReadOnly);
     EXPECT_EQ(info.mode, 0100444u);
     EXPECT_EQ(info.size, 4);
@@ -130,15 +81,9 @@ TEST(FilePathsTest, WhatTheDefaultTableTellsOfAPath) {
     EXPECT_LT(std::abs(info.writeAt - time(nullptr)), 100);
     ASSERT_TRUE(File::stat(directory.path().c_str(), info));
     EXPECT_EQ(info.attr, FileInfo::kDirectory);
-    EXPECT_FALSE(File::stat((directory / "missing").c_str(), info));
-
     EXPECT_TRUE(File::isDirectory(directory.path().c_str()) && !File::isDirectory(file.c_str()));
     EXPECT_FALSE(File::isEmptyDir(directory.path().c_str()) || File::isEmptyDir(file.c_str()));
-    EXPECT_FALSE(File::isEmptyDir((directory / "missing").c_str()) || File::empty(file.c_str()));
-    OrbelTest::LogCapture log;
-    EXPECT_FALSE(File::symlink(file.c_str(), (directory / "link").c_str()));
-    EXPECT_TRUE(log.has("link " + file + " to " + (directory / "link") +
-                        " failed,error message:File exists"));
+    EXPECT_FALSE(File::empty(file.c_str()));
     uint64_t avail = 0;
     uint64_t total = 0;
     uint64_t free = 0;
@@ -147,7 +92,7 @@ TEST(FilePathsTest, WhatTheDefaultTableTellsOfAPath) {
 }
 
 TEST(FilePathsTest, MakesParentsButNoFirstComponent) {
-    TempDirectory directory;
+    const TempDirectory directory;
     directory.write("file", "");
     const struct {
         std::string path;
@@ -156,14 +101,12 @@ TEST(FilePathsTest, MakesParentsButNoFirstComponent) {
     } cases[] = {
         {"", true, false},
         {"/" + OrbelTest::uniqueName("top"), true, false},
-        {OrbelTest::uniqueName("relative"), true, false},
         {OrbelTest::uniqueName("relative") + "/b", false, false},
         {"//", true, true},
         {directory / "a", true, true},
         {directory / "b/c//d//", true, true},
         {directory / "file", true, false},  // it exists, whatever it is
         {directory / "file/below", false, false},
-        {directory.path() + std::string(1 << 20, '/') + "x", false, false},
         {std::string(1 << 20, '/'), false, false},
     };
     for (const auto& c : cases) {
@@ -176,25 +119,20 @@ TEST(FilePathsTest, MakesParentsButNoFirstComponent) {
 }
 
 TEST(FilePathsTest, CopyAndSave) {
-    TempDirectory directory;
+    const TempDirectory directory;
     const std::string content(4096 * 3 + 1, 'c');
     const std::string from = directory.write("from", content);
     const std::string to = directory.write("to", "old");
     EXPECT_TRUE(File::copy(from.c_str(), to.c_str(), 0x2001));
     EXPECT_EQ(contentOf(to), "old" + content);
-    EXPECT_TRUE(File::copy(from.c_str(), to.c_str(), 0x1002));
-    EXPECT_EQ(contentOf(to), content);
     EXPECT_FALSE(File::copy((directory / "missing").c_str(), to.c_str(), 0x1002));
-    EXPECT_EQ(contentOf(to), content) << "the target was touched";
+    EXPECT_EQ(contentOf(to), "old" + content) << "the target was touched";
     EXPECT_FALSE(File::copy(from.c_str(), (directory / "missing").c_str(), 2));
     std::filesystem::create_hard_link(from, directory / "same");
-    for (const uint32_t flags : {0x1002, 0x2001}) {
-        EXPECT_FALSE(File::copy(from.c_str(), (directory / "same").c_str(), flags));
-    }
+    EXPECT_FALSE(File::copy(from.c_str(), (directory / "same").c_str(), 0x1002));
     EXPECT_EQ(contentOf(from), content) << "a file copied to itself";
     EXPECT_TRUE(File::save(to.c_str(), "x\0y", 3, 1));
     EXPECT_EQ(contentOf(to), std::string("x\0y", 3));
-    EXPECT_FALSE(File::save(to.c_str(), nullptr, 1, 0x2001));
     EXPECT_FALSE(File::save(to.c_str(), "x", 1, 0)) << "opened for reading";
     EXPECT_TRUE(File::save(to.c_str(), nullptr, 0, 1));
     EXPECT_TRUE(File::empty(to.c_str()));
@@ -298,46 +236,41 @@ TEST_F(FileTreesTest, CopyEndsWhereItCannotGoOn) {
 }
 
 TEST_F(FileTreesTest, EmptyDirectoriesOfSomeAgeGo) {
-    const auto make = [this](const std::string& name, int age) {
-        std::filesystem::create_directories(mDirectory / name);
-        const timespec times[] = {{time(nullptr) - age, 0}, {time(nullptr) - age, 0}};
-        utimensat(AT_FDCWD, (mDirectory / name).c_str(), times, 0);
-    };
-    make("t/old", 1000);
-    make("t/young", 10);
-    make("t/nest/inner", 1000);
-    make("t/nest", 1000);
-    make("t/youngNest/inner", 1000);
-    make("t/youngNest", 10);
-    make("outside/old", 1000);
-    link(".", "t/toItself");
-    EXPECT_TRUE(File::removeEmptyDirs(mTree.c_str(), 500));
     const struct {
         const char* name;
+        int age;
         bool stays;
     } cases[] = {
-        {"t/old", false},
-        {"t/young", true},
-        {"t/nest", false},
-        {"t/youngNest", true},
-        {"t/youngNest/inner", false},
-        {"t/a/deep/file", true},
-        {"outside/old", false},  // behind the link
+        {"t/old", 1000, false},
+        {"t/young", 10, true},
+        {"t/nest/inner", 1000, false},
+        {"t/nest", 1000, false},  // as old as it was before
+        {"t/youngNest/inner", 1000, false},
+        {"t/youngNest", 10, true},
+        {"outside/old", 1000, false},  // behind a link
+        {"t/a/deep", 1000, true},      // has a file
     };
+    for (const auto& c : cases) {
+        std::filesystem::create_directories(mDirectory / c.name);
+    }
+    link(".", "t/toItself");
+    for (const auto& c : cases) {
+        const timespec times[] = {{time(nullptr) - c.age, 0}, {time(nullptr) - c.age, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, (mDirectory / c.name).c_str(), times, 0), 0);
+    }
+    EXPECT_TRUE(File::removeEmptyDirs(mTree.c_str(), 500));
     for (const auto& c : cases) {
         EXPECT_EQ(exists(c.name), c.stays) << c.name;
     }
+    EXPECT_TRUE(File::removeEmptyDirs((mDirectory / "t/young").c_str(), -10));
+    EXPECT_TRUE(exists("t/young")) << "empty, and the root itself";
+
     link("nowhere", "t/dangling");
-    EXPECT_FALSE(File::removeEmptyDirs(mTree.c_str(), -10)) << "tells what it could not look at";
-    EXPECT_TRUE(mLog.has("get dir " + mTree + "/dangling stat failed: No such file"));
-    EXPECT_FALSE(exists("t/young")) << "and goes on";
-    make("alone", 1000);
-    EXPECT_TRUE(File::removeEmptyDirs((mDirectory / "alone").c_str(), 0));
-    EXPECT_TRUE(exists("alone")) << "the root itself";
-    make("outside/old", 1000);
     unlink((mDirectory / "outside/file").c_str());
-    EXPECT_FALSE(File::removeEmptyDirs(mTree.c_str(), -10));
+    EXPECT_FALSE(File::removeEmptyDirs(mTree.c_str(), -10)) << "tells what it could not do";
+    EXPECT_TRUE(mLog.has("get dir " + mTree + "/dangling stat failed: No such file"));
     EXPECT_TRUE(mLog.has("rmdir " + mTree + "/toDirectory failed: Not a directory"));
+    EXPECT_FALSE(exists("t/young")) << "and goes on";
     EXPECT_FALSE(File::removeEmptyDirs((mDirectory / "missing").c_str(), 0));
     EXPECT_TRUE(mLog.has("open dir " + (mDirectory / "missing") + " failed: No such file"));
 }
