@@ -341,6 +341,7 @@ TEST(FileTest, FullDiskAndReadOnlyDirectoryAreFailures) {
         EXPECT_FALSE(save(30000, 0x1002));
         EXPECT_TRUE(save(20000, 0x1002));
         EXPECT_FALSE(save(1, 0x3002)) << "fits into the buffer only";
+        EXPECT_FALSE(File::copy("/proc/self/cmdline", full.c_str(), 0x3002)) << "so does this";
         EXPECT_FALSE(File::copy("/proc/self/exe", full.c_str(), 0x1002));
         LfsFile file;
         ASSERT_TRUE(file.open(full.c_str(), 0x3002));
