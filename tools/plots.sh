@@ -4,6 +4,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 data=build/bench
 mkdir -p docs/plots
+[ -f "$data/ipc.json" ] && [ -f "$data/AllocatorBench.json" ] ||
+    { echo "first: ./run bench ipc; ./run bench AllocatorBench" && exit 1; }
 
 # plot NAME XLABEL YLABEL COMMANDS: the columns of $data/NAME.dat over its first one
 plot() {

@@ -20,8 +20,8 @@ using ThreadInitCallback = std::function<void(EventLoop*)>;
 /// also in the loop's own thread. The queries from any thread.
 class ORBEL_API EventLoopThread {
 public:
-    /// `name` is the thread's; an empty one becomes "EventLoopThread". What `callback` throws is
-    /// logged, and the loop runs nevertheless.
+    /// `name` is the thread's; an empty one becomes "EventLoopThread". `callback` may be empty;
+    /// what it throws is logged, and the loop runs nevertheless.
     EventLoopThread(const ThreadInitCallback& callback, const std::string& name);
     EventLoopThread(const EventLoopThread&) = delete;
     EventLoopThread& operator=(const EventLoopThread&) = delete;

@@ -23,7 +23,8 @@ public:
     virtual bool deInitial() = 0;
 
     /// Queues a task, which the pool owns from then on, also before initial(). False if the queue
-    /// is full: the task stays the caller's.
+    /// is full: the task stays the caller's. A null task takes a place in the queue and does
+    /// nothing.
     virtual bool postTask(IThreadTask* task) = 0;
 
     /// A pool called `name`; null or empty is "threadPool". The caller owns it, see destroy().

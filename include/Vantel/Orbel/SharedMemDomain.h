@@ -85,7 +85,7 @@ public:
 
     /// The pools that init() makes if it finds none in the domain: a domain has the pools of its
     /// first process, whatever the others ask for. At most 32. A config without a name, block size
-    /// or block count is skipped with a line in the log.
+    /// or block count is skipped with a line in the log. Before init(), and not beside it.
     virtual void setPoolConfigs(const std::vector<PoolConfig>& configs) = 0;
 
     /// One clean-up pass, which the control thread makes every 100 ms by itself. Always true.

@@ -40,7 +40,7 @@ public:
     /// `how` is SHUT_RD, SHUT_WR or SHUT_RDWR.
     bool shutdown(int how);
 
-    /// -1 when closed; the other three are 0 then, and where the kernel did not tell.
+    /// -1 when closed. What the next three say is 0 then, and where the kernel did not tell.
     int32_t fd() const { return mFd; }
     /// AF_INET, AF_INET6, AF_UNIX; 0 takes addresses of any family.
     int32_t family() const { return mFamily; }
@@ -50,7 +50,7 @@ public:
     /// descriptor that was taken over.
     int32_t protocol() const { return mProtocol; }
 
-    /// Sets or clears the flag FD_CLOEXEC. Neither this nor the next four log anything.
+    /// Sets or clears the flag FD_CLOEXEC. Like the operations on file flags it logs nothing.
     bool setCloseOnExec(bool on);
     /// The file status flags (F_GETFL), -1 with errno on failure.
     int getFileFlags() const;
