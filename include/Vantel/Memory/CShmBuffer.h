@@ -29,7 +29,8 @@ public:
     /// it: `nodeCount` (2 or more) records of up to `dataSize` bytes (1 or more, rounded up to a
     /// multiple of 8). A ring that exists with other sizes is made anew, and its readers move over
     /// at their next get(). A reader with at least `sigThreshold` unread records is signalled by
-    /// put() (0: always). False, with a line in the log, if it cannot be had.
+    /// put() (0: always; who creates or joins last decides). The ring that this handle has is left
+    /// first. False, with a line in the log, if the ring cannot be had; false for null as well.
     ///
     /// Writers that hold the old ring are not told: they go on writing into what nobody reads.
     bool create(const char* name, unsigned int dataSize, unsigned int nodeCount,

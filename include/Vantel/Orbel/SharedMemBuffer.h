@@ -55,8 +55,9 @@ public:
     /// Index of the block in its pool.
     virtual unsigned int blockIndex() const = 0;
 
-    /// Microseconds of the wall clock, read at the time of the call: when the sample was committed
-    /// or, later, when one of its readers let go of it.
+    /// Microseconds since boot, as CTime::getCurrentMicroSecond(): when the block was allocated,
+    /// then when the sample was committed, then when a reader last let go of it, which another
+    /// reader may have done before this one's callback runs. Read anew at each call.
     virtual unsigned long timestamp() const = 0;
 
     /// Raises the block's count on this side (writers or readers); returns the new value.

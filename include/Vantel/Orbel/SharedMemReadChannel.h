@@ -36,6 +36,7 @@ public:
 
     /// Registers the reader. False, with an error line, before init() or if the channel has 8 live
     /// readers. A second open() without close() takes a second entry of the 8, which gets nothing.
+    /// With an empty callback samples are taken and let go.
     ///
     /// The callback runs on the domain's one callback worker, with the samples of all read channels
     /// in order of arrival; in sync mode on the domain's loop thread.

@@ -46,8 +46,8 @@ public:
 
     /// Publishes the sample to the readers of this moment; each is told with one message, and sees
     /// the block in place. True also if there is no reader, or none could be told: the sample is
-    /// then the caller's as before. False, with an error line and nothing changed, if `buffer` is
-    /// null, not one of allocate(), or in flight already.
+    /// then the caller's as before. False, with nothing changed, if `buffer` is null, not one of
+    /// allocate(), or in flight already, the last with an error line.
     ///
     /// A reader whose socket stays full of such messages (it holds about 85) for 10 ms loses its
     /// connection, and with it the samples that were on their way. A writer that must lose nothing
@@ -66,9 +66,10 @@ public:
                                                       unsigned int extraSize) = 0;
 
     /// One more handle on a block that this node already holds, from an address in its payload,
-    /// which becomes the handle's data(). Null, with errno and mostly an error line: EINVAL, null
-    /// or no address of a block that this node holds; ENOBUFS, more than the pool's block has;
-    /// ENODEV, the domain is gone.
+    /// which becomes the handle's data(); capacity() stays the block's, however much of it lies
+    /// before that address. Null, with errno and mostly an error line: EINVAL, null or no address
+    /// of a block that this node holds; ENOBUFS, more than the pool's block has; ENODEV, the domain
+    /// is gone.
     virtual std::shared_ptr<SharedMemBuffer> allocate(void* data, unsigned int size,
                                                       unsigned int extraSize) = 0;
 
