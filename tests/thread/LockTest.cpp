@@ -187,12 +187,15 @@ TYPED_TEST(ReadWriteTest, ReadersShareWritersDoNot) {
 bool readerPassesWaitingWriter(RW_PRIORITY priority) {
     CReadWriteMutex lock(priority);
     std::atomic<bool> passed{false};
+    std::atomic<bool> writing{false};
     lock.enterReading();
     std::thread writer([&] {
+        writing = true;
         lock.enterWriting();
         lock.leave();
     });
-    std::this_thread::sleep_for(2 * kLong);  // now it waits
+    waitFor([&] { return writing.load(); });
+    std::this_thread::sleep_for(kLong);  // now it waits, most likely
     std::thread reader([&] {
         lock.enterReading();
         passed = true;
@@ -209,7 +212,7 @@ bool readerPassesWaitingWriter(RW_PRIORITY priority) {
 TEST(CReadWriteMutexTest, PriorityDecidesWhoGoesFirst) {
     OrbelTest::LogCapture log;
     EXPECT_TRUE(readerPassesWaitingWriter(kReadWriteDefault));
-    EXPECT_FALSE(readerPassesWaitingWriter(kReadWriteWriters));
+    EXPECT_TRUE(waitFor([] { return !readerPassesWaitingWriter(kReadWriteWriters); }));
     EXPECT_EQ(log.lines().size(), 0u);
     EXPECT_TRUE(readerPassesWaitingWriter(static_cast<RW_PRIORITY>(7))) << "counts as the default";
     EXPECT_TRUE(log.has("Input rwpriority level error, priorityDefault used!"));

@@ -108,26 +108,43 @@ TEST_F(ThreadTest, RunsOnceAtATimeAndAgainAfterItsEnd) {
     EXPECT_FALSE(mManager.hasThread(thread.getThreadId()));
 }
 
-TEST_F(ThreadTest, CreateWaitsForTheEndOfACancelledRun) {
+TEST_F(ThreadTest, CreateAndDestroyWaitForTheEndOfACancelledRun) {
     std::atomic<int> inside{0};
     std::atomic<int> together{0};
+    std::atomic<bool> stay{true};
     TestThread thread([&](CThread& self) {
         together += ++inside > 1 ? 1 : 0;
         loop(self);
-        CThread::sleep(30);  // long on its way out
+        waitFor([&] { return !stay; });  // long on its way out
         --inside;
     });
+    // Whether `next`, called while the run is on its way out, is true and not before its end.
+    const auto waits = [&](bool (CThread::*next)()) {
+        stay = true;
+        EXPECT_TRUE(thread.cancelThread());
+        EXPECT_FALSE(thread.isThreadOver()) << "cancelThread does not wait";
+        std::atomic<int> stage{0};
+        bool result = false;
+        std::thread caller([&] {
+            stage = 1;
+            result = (thread.*next)();
+            stage = 2;
+        });
+        waitFor([&] { return stage > 0; });
+        CThread::sleep(30);
+        EXPECT_EQ(stage, 1);
+        stay = false;
+        caller.join();
+        return result;
+    };
     ASSERT_TRUE(thread.createThread() && thread.waitUntilRunning());
     const int firstId = thread.getThreadId();
-    EXPECT_TRUE(thread.cancelThread());
-    EXPECT_FALSE(thread.isThreadOver()) << "cancelThread does not wait";
-    ASSERT_TRUE(thread.createThread());
+    EXPECT_TRUE(waits(&CThread::createThread));
     ASSERT_TRUE(waitFor([&] { return thread.mEntered == 2; }));
     EXPECT_NE(thread.getThreadId(), firstId);
-    EXPECT_EQ(together, 0);
-    EXPECT_TRUE(thread.cancelThread());
-    EXPECT_TRUE(thread.destroyThread()) << "waits, although the semaphore is not posted";
+    EXPECT_TRUE(waits(&CThread::destroyThread)) << "although the semaphore is not posted";
     EXPECT_TRUE(thread.isThreadOver());
+    EXPECT_EQ(together, 0);
 }
 
 TEST_F(ThreadTest, DestroyOfItselfOnlyAsks) {
