@@ -41,8 +41,10 @@ TEST(ThreadLoadTest, RefusesPercentagesAndASignalInUse) {
 }
 
 TEST(ThreadLoadTest, ThrottledThreadLosesItsShareUntilItLeaves) {
+    int64_t freeUs = 0;
     int64_t throttledUs = 0;
     std::thread([&] {
+        freeUs = spinFor(300);
         CThread::load(30);
         errno = 77;
         throttledUs = spinFor(1000);
@@ -57,7 +59,7 @@ TEST(ThreadLoadTest, ThrottledThreadLosesItsShareUntilItLeaves) {
     EXPECT_FALSE(controller->looping()) << "nobody is left to throttle";
 #if !defined(__SANITIZE_THREAD__)
     EXPECT_LT(throttledUs, 600'000);
-    EXPECT_GT(throttledUs, 50'000);
+    EXPECT_GT(throttledUs, freeUs / 10) << "stands still, and not for other processes";
 #endif
 }
 
