@@ -9,18 +9,17 @@
 #include <utility>
 #include <vector>
 
-#include "Vantel/Log/ILogClient.h"
+#include "tests/support/NullLogClient.h"
 
 namespace OrbelTest {
 
 /// A log client that keeps what it is given.
-class FakeLogClient : public Vantel::Log::ILogClient {
+class FakeLogClient : public NullLogClient {
 public:
     bool init(const Json::Value& config) override {
         configs.push_back(config);
-        return initWorks;
+        return works;
     }
-    bool deinit() override { return false; }
     bool setGcoreCallback(GcoreCallback callback, void*) override {
         crash = callback;
         return true;
@@ -40,7 +39,6 @@ public:
         prints.emplace_back(lineLevel, text);
         return 77;
     }
-    int headerSize() override { return 44; }
     int write(char* buffer, int size) override {
         const std::lock_guard guard(mMutex);
         lines.emplace_back(buffer + 44, static_cast<size_t>(size));
@@ -49,12 +47,10 @@ public:
     bool flush() override {
         const std::lock_guard guard(mMutex);
         ++flushes;
-        return initWorks;
+        return works;
     }
-    bool notifyServer() override { return true; }
-    bool setRecvCallback(RecvCallback, void*) override { return true; }
 
-    bool initWorks = false;
+    bool works = false;
     std::vector<Json::Value> configs;
     GcoreCallback crash = nullptr;
     int level = 3;
