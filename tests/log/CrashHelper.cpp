@@ -34,6 +34,7 @@ namespace {
 
 Json::Value config;
 std::string reportHook;  // what the foreign callback does besides talking
+bool crashesLate = false;
 
 void say(const std::string& text) {
     [[maybe_unused]] const ssize_t written = write(1, (text + "\n").data(), text.size() + 1);
@@ -117,16 +118,6 @@ void crashTogether(int signo, int count) {
     }
 }
 
-/// Behind the end of main, when the reporting thread is gone.
-struct LateCrash {
-    ~LateCrash() {
-        if (armed) {
-            crash(SIGSEGV);
-        }
-    }
-    bool armed = false;
-} lateCrash;
-
 void childThat(void (*end)()) {
     const pid_t child = fork();
     if (child == 0) {
@@ -163,7 +154,7 @@ void crashSomewhere(int signo, const std::string& where) {
         sigwait(&term, &got);
         say("got " + std::to_string(got));
     } else if (where == "late") {
-        lateCrash.armed = true;
+        crashesLate = true;
     }
 }
 
@@ -199,6 +190,12 @@ int main(int argc, char** argv) {
     const rlimit noCore{0, 0};
     setrlimit(RLIMIT_CORE, &noCore);
     config["moduleName"] = "crasher";
+    // Before the crash handlers start, so that it runs when the reporting thread is gone.
+    std::atexit([] {
+        if (crashesLate) {
+            crash(SIGSEGV);
+        }
+    });
     if (std::strcmp(argv[3], "logger") == 0) {
         Vantel::ILogger::instance()->init("crasher", 4096);
         Vantel::ILogger::instance()->init("crasher", 4096);

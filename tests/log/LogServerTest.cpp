@@ -9,7 +9,6 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <sstream>
 #include <thread>
 #include <vector>
 
@@ -130,13 +129,12 @@ int countWhole(const Lines& lines) {
         if (at == std::string::npos) {
             continue;  // what the logger says at its start
         }
-        std::istringstream words(line.substr(at + 4));
         int thread = -1;
         int number = -1;
-        std::string filler;
-        words >> thread >> number >> filler;
+        char filler[64] = "";
+        sscanf(line.c_str() + at, "[T]@%d %d %63s", &thread, &number, filler);
         const bool good = line[0] == '[' && std::count(line.begin(), line.end(), '@') == 1 &&
-                          thread >= 0 && thread < kThreads && filler == std::string(kFiller) + ".";
+                          thread >= 0 && thread < kThreads && std::string(kFiller) + "." == filler;
         EXPECT_TRUE(good) << line;
         EXPECT_TRUE(last.count(thread) == 0 || last[thread] < number) << line;
         last[thread] = number;

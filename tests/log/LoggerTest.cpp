@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <regex.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,21 +14,11 @@
 
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
+using testing::internal::RE;
 using Vantel::ILogger;
 using Vantel::LoggerImpl;
 
 namespace {
-
-/// Whether the whole text fits an extended regular expression.
-bool matches(const std::string& text, const std::string& expression) {
-    regex_t compiled;
-    if (regcomp(&compiled, ("^(" + expression + ")$").c_str(), REG_EXTENDED | REG_NOSUB) != 0) {
-        return false;
-    }
-    const bool found = regexec(&compiled, text.c_str(), 0, nullptr, 0) == 0;
-    regfree(&compiled);
-    return found;
-}
 
 constexpr size_t kRoom = 4052;  // what the client's header leaves of the longest line
 
@@ -91,11 +80,11 @@ TEST_F(LoggerTest, InitOpensTheLogWithTheBuild) {
                                "]Robot Version .., " + Vantel::Orbel::getBuildInfo() +
                                ", Header Commit ";
     EXPECT_NE(mLines[0].find(wanted), std::string::npos) << mLines[0];
-    EXPECT_TRUE(matches(mLines[0], ".*Header Commit ([0-9a-f]{7}\\([0-9-]{10}\\)|unknown)\n"))
+    EXPECT_TRUE(RE::FullMatch(mLines[0], ".*Header Commit ([0-9a-f]{7}\\([0-9-]{10}\\)|unknown)\n"))
         << mLines[0];
-    EXPECT_TRUE(matches(Vantel::Orbel::getBuildInfo(),
-                        "Release Build: [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"
-                        " Repo: \\*\\*\\*[^ ]+\\(([0-9a-f]{8}|unknown)\\)"))
+    EXPECT_TRUE(RE::FullMatch(Vantel::Orbel::getBuildInfo(),
+                              "Release Build: [0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}"
+                              " Repo: \\*\\*\\*[^ ]+\\(([0-9a-f]{8}|unknown)\\)"))
         << Vantel::Orbel::getBuildInfo();
 
     EXPECT_TRUE(mLogger.init("other", 50)) << "a second time changes nothing";
@@ -136,8 +125,9 @@ TEST_F(LoggerTest, LevelsHaveAWordAColorAFlushAndACounterpart) {
         EXPECT_EQ(mClient.flushes, c.flushes);
     }
     EXPECT_EQ(mLines.size(), std::size(cases));
-    EXPECT_TRUE(matches(lastLine().substr(0, 25),
-                        "\\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}\\]"))
+    EXPECT_TRUE(
+        RE::FullMatch(lastLine().substr(0, 25),
+                      "\\[[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}\\]"))
         << lastLine();
 }
 
@@ -219,7 +209,7 @@ TEST_F(LoggerTest, DumpHexRows) {
     const std::string first(
         ".*\\[info\\]\\[[0-9]+\\]\\[Orbel\\]\\[LoggerImpl:[0-9]+\\] " + std::string(address) +
         ": 30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 7a   0123456789abcdez \n");
-    EXPECT_TRUE(matches(mLines[0], first)) << mLines[0];
+    EXPECT_TRUE(RE::FullMatch(mLines[0], first)) << mLines[0];
     const std::string second = ": 7b 7e 20 0a " + std::string(36, ' ') + "  .. . \n";
     EXPECT_EQ(mLines[1].substr(mLines[1].size() - second.size()), second);
 
@@ -234,7 +224,7 @@ TEST_F(LoggerTest, DumpHexRows) {
     mLogger.dumpHex(large.data(), static_cast<int32_t>(large.size()));
     ASSERT_EQ(mLines.size(), 65u + 2u);
     for (size_t i = 0; i < mLines.size(); ++i) {
-        const bool empty = matches(mLines[i], ".*\\[LoggerImpl:[0-9]+\\] \n");
+        const bool empty = RE::FullMatch(mLines[i], ".*\\[LoggerImpl:[0-9]+\\] \n");
         EXPECT_EQ(empty, i == 33 || i == 66) << i << mLines[i];
     }
 }
