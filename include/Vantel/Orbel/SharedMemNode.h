@@ -46,7 +46,7 @@ public:
 
     ///@{
     /// The node's channel of that name, made on first use; the caller then calls its init(). Null
-    /// before the node's init().
+    /// before the node's init() and for an empty name.
     virtual std::shared_ptr<SharedMemReadChannel> newReadChannel(const std::string& name) = 0;
     virtual std::shared_ptr<SharedMemWriteChannel> newWriteChannel(const std::string& name) = 0;
     ///@}
