@@ -1,14 +1,12 @@
 // The other process of the publish and subscribe tests.
 //
-//     ChannelPeerHelper write DOMAIN CHANNEL   allocates a block, fills it for ever
-//     ChannelPeerHelper keep DOMAIN CHANNEL    keeps every sample
+//     ChannelPeerHelper write DOMAIN CHANNEL   has a sample at hand; each line commits it
 //     ChannelPeerHelper read DOMAIN CHANNEL    prints every sample
+//     ChannelPeerHelper keep DOMAIN CHANNEL    and keeps it
 //
-// Prints "ready" first. A line on its input commits one sample (write) or drops all (keep).
+// Prints "ready" first; leaves in good order at the end of its input.
 #include <json/json.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 #include <iostream>
 #include <mutex>
@@ -16,10 +14,10 @@
 #include <vector>
 
 #include "Vantel/Orbel/SharedMemBuffer.h"
-#include "Vantel/Orbel/SharedMemDomain.h"
 #include "Vantel/Orbel/SharedMemNode.h"
 #include "Vantel/Orbel/SharedMemReadChannel.h"
 #include "Vantel/Orbel/SharedMemWriteChannel.h"
+#include "tests/ipc/ConnectTo.h"
 
 using namespace Vantel::Orbel;
 
@@ -32,24 +30,28 @@ void say(const std::string& line) {
     }
 }
 
-int runWriter(SharedMemNode& node, const char* name) {
+int runWriter(SharedDomainImpl& domain, SharedMemNode& node, const char* name) {
     const auto channel = node.newWriteChannel(name);
     if (!channel->init() || !channel->create({}, {})) {
         return 1;
     }
-    auto sample = channel->allocate(5, 0);
-    std::memcpy(sample->data(), "peer\0", 5);
+    const auto fresh = [&] {
+        auto sample = channel->allocate(4, 0);
+        std::memcpy(sample->data(), "peer", 4);
+        return sample;
+    };
+    auto sample = fresh();
     say("ready");
     std::string line;
     while (std::getline(std::cin, line)) {
+        OrbelTest::connectToAll(domain);
         say(channel->commit(sample) ? "committed" : "refused");
-        sample = channel->allocate(5, 0);
-        std::memcpy(sample->data(), "peer\0", 5);
+        sample = fresh();
     }
     return 0;
 }
 
-int runReader(SharedMemNode& node, const char* name, bool keep) {
+int runReader(SharedDomainImpl& domain, SharedMemNode& node, const char* name, bool keep) {
     std::mutex mutex;
     std::vector<std::shared_ptr<SharedMemBuffer>> kept;
     const auto channel = node.newReadChannel(name);
@@ -63,11 +65,10 @@ int runReader(SharedMemNode& node, const char* name, bool keep) {
     if (!channel->init() || !channel->open(callback)) {
         return 1;
     }
+    OrbelTest::connectToAll(domain);
     say("ready");
     std::string line;
     while (std::getline(std::cin, line)) {
-        std::lock_guard<std::mutex> guard(mutex);
-        kept.clear();
     }
     channel->close();
     return 0;
@@ -80,7 +81,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     const std::string role = argv[1];
-    const auto domain = SharedMemDomain::instance(argv[2]);
+    const auto domain =
+        std::static_pointer_cast<SharedDomainImpl>(SharedMemDomain::instance(argv[2]));
     if (!domain->init(Json::objectValue)) {
         return 1;
     }
@@ -88,8 +90,8 @@ int main(int argc, char** argv) {
     if (!node->init()) {
         return 1;
     }
-    const int result =
-        role == "write" ? runWriter(*node, argv[3]) : runReader(*node, argv[3], role == "keep");
+    const int result = role == "write" ? runWriter(*domain, *node, argv[3])
+                                       : runReader(*domain, *node, argv[3], role == "keep");
     domain->deInit();
     return result;
 }

@@ -1,77 +1,34 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <json/json.h>
-
 #include <random>
 
-#include "Vantel/Orbel/SharedMemBuffer.h"
-#include "Vantel/Orbel/SharedMemReadChannel.h"
-#include "Vantel/Orbel/SharedMemWriteChannel.h"
 #include "ipc/NodeSocket.h"
-#include "ipc/SharedDomainImpl.h"
-#include "ipc/SharedMemChannel.h"
-#include "ipc/SharedMemNodeImpl.h"
-#include "ipc/SharedMemPool.h"
+#include "tests/ipc/ChannelFixture.h"
 #include "tests/ipc/RawPeer.h"
-#include "tests/support/IpcCleanup.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/OpenDescriptors.h"
-#include "tests/support/WaitFor.h"
 
+namespace OrbelTest {
 namespace {
 
-using namespace Vantel::Orbel;
-using namespace OrbelTest;
-
-class ControlProtocolTest : public testing::Test {
+/// A stranger's connection to the socket of the node "writer", which reads its own channel too.
+class ControlProtocolTest : public ChannelFixture {
 protected:
     void SetUp() override {
-        mDomain->setPoolConfigs({{"pool", 256, 64, 4}});
-        ASSERT_TRUE(mDomain->init(Json::objectValue));
-        mNode = std::static_pointer_cast<SharedMemNodeImpl>(mDomain->createNode("node"));
-        ASSERT_TRUE(mNode->init());
-        mWriter = mNode->newWriteChannel(mChannelName);
-        mReader = mNode->newReadChannel(mChannelName);
-        ASSERT_TRUE(mWriter->init() && mReader->init());
-        ASSERT_TRUE(mWriter->create({}, {}));
-        ASSERT_TRUE(mReader->open([this](std::shared_ptr<SharedMemBuffer>&) { ++mSamples; }));
+        ChannelFixture::SetUp();
+        openReader("writer");
+        mNode = aliveNode(*mDomain, "writer");
     }
-    void TearDown() override { mDomain->deInit(); }
 
-    UniqueFd connectToNode() { return rawConnect(nodeSocketPath(mName, "node")); }
-    PipeMessage forged(unsigned int action, unsigned int poolId = 31) const {
-        return PipeMessage::make(static_cast<PipeAction>(action), {0, poolId, 5},
-                                 SharedMemChannel::generateChannelId(mChannelName), mNode->nodeId(),
-                                 7);
+    UniqueFd connectToNode() const { return rawConnect(nodeSocketPath(mDomainName, "writer")); }
+    PipeMessage forged(unsigned int action) const {
+        return PipeMessage::make(static_cast<PipeAction>(action), {0, 31, 5}, mWriter->channelId(),
+                                 mNode->nodeId(), 7);
     }
-    /// A sample goes through and its block comes back.
     void expectThatAllWorks() {
-        const int before = mSamples;
-        auto sample = mWriter->allocate(16, 0);
-        ASSERT_TRUE(sample);
-        EXPECT_TRUE(mWriter->commit(sample));
-        sample.reset();
-        EXPECT_TRUE(waitFor([&] { return mSamples > before; }));
-        const auto pool = mDomain->getPool(0);
-        EXPECT_TRUE(waitFor([&] {
-            for (unsigned int i = 0; i < pool->blockCount(); ++i) {
-                if (pool->getBlockHeader(i)->status.stateWord().state != BlockState::Free) {
-                    return false;
-                }
-            }
-            return true;
-        }));
+        commit("a good one");
+        EXPECT_EQ(text(mInbox.take(1).at(0)), "a good one");
+        EXPECT_TRUE(allComeBack());
     }
 
-    LogCapture mLog;
-    IpcCleanup mCleanup;
-    const std::string mName = mCleanup.domain("control");
-    const std::string mChannelName = mCleanup.channel("control");
-    std::atomic<int> mSamples{0};
-    std::shared_ptr<SharedDomainImpl> mDomain = std::make_shared<SharedDomainImpl>(mName);
     std::shared_ptr<SharedMemNodeImpl> mNode;
-    std::shared_ptr<SharedMemWriteChannel> mWriter;
-    std::shared_ptr<SharedMemReadChannel> mReader;
 };
 
 TEST_F(ControlProtocolTest, AnUnknownActionIsSkippedAndTheRestOfTheBatchHandled) {
@@ -122,9 +79,9 @@ TEST_F(ControlProtocolTest, TenThousandForgedMessagesLeaveNothingBehind) {
         message.fd = static_cast<int>(pick(-1, 0, 1, peer.get(), random()));
         message.location = LocationWord{static_cast<uint32_t>(pick(0, 1, 1, 2, 2, 3, 15)),
                                         static_cast<uint32_t>(pick(0, 0, 1, 31)),
-                                        static_cast<uint32_t>(pick(0, 3, 4, 1 << 22, random()))}
+                                        static_cast<uint32_t>(pick(0, 7, 8, 1 << 22, random()))}
                                .pack();
-        message.channelId = pick(SharedMemChannel::generateChannelId(mChannelName), 0, random());
+        message.channelId = pick(mWriter->channelId(), 0, random());
         message.writerId = pick(mNode->nodeId(), 0, random());
         message.sequence = pick(0, 1, 2, 3, 4, 5, random());
         const uint64_t bytes = pick(32, 32, 32, 32, 32, 32, 32, 32, 1, 31);
@@ -141,3 +98,4 @@ TEST_F(ControlProtocolTest, TenThousandForgedMessagesLeaveNothingBehind) {
 }
 
 }  // namespace
+}  // namespace OrbelTest

@@ -14,63 +14,61 @@ namespace {
 
 class PubSubTest : public ChannelFixture {
 protected:
-    /// Makes a block look old, so that the clean-up does not have to wait.
-    static void age(BlockHeader& block, uint64_t byUs) {
-        block.status.timestamp.store(block.status.timestamp.load() - byUs);
+    /// Another process of the channel, ready to "write", to "read" or to "keep".
+    std::unique_ptr<HelperProcess> peer(const char* role) {
+        auto process = std::make_unique<HelperProcess>(
+            "ChannelPeerHelper", std::vector<std::string>{role, mDomainName, mChannelName});
+        EXPECT_TRUE(process->waitForLine("ready"));
+        connectToAll(*mDomain);
+        return process;
     }
     /// Returns when every thread of the peer has stopped: what is sent now lies in its socket.
-    static void stop(HelperProcess& peer) {
+    static void stop(const HelperProcess& peer) {
         kill(peer.pid(), SIGSTOP);
         int status = 0;
         ASSERT_EQ(waitpid(peer.pid(), &status, WUNTRACED), peer.pid());
         ASSERT_TRUE(WIFSTOPPED(status));
     }
-    void joined(HelperProcess& peer) { ASSERT_TRUE(peer.waitForLine("ready")); }
-
-    std::vector<std::string> peerArgs(const char* role) {
-        return {role, mDomainName, mChannelName};
+    /// Makes a block look older than the time limits, which this way nobody has to wait for.
+    static void age(BlockHeader& block) {
+        block.status.timestamp.store(block.status.timestamp.load() - 5000000);
     }
 };
 
 // The last two of eight readers leave at once while the writer holds and drops: each block must
 // come back exactly once, whoever is last.
 TEST_F(PubSubTest, EachBlockComesBackOnceHoweverItsReadersLeave) {
-    constexpr unsigned int kReaders = 8;
     constexpr unsigned int kRounds = 1500;
-    Inbox inbox;
-    for (unsigned int i = 0; i < kReaders; ++i) {
-        const auto channel = reader("reader" + std::to_string(i));
-        channel->setSyncMode(true);
-        ASSERT_TRUE(channel->open(inbox.callback()));
+    for (unsigned int i = 0; i < kMaxReaders; ++i) {
+        openReader("reader" + std::to_string(i))->setSyncMode(true);
     }
     for (unsigned int round = 0; round < kRounds; ++round) {
+        ASSERT_EQ(mDomain->mRepeats, 0) << "a finish was lost";
         Sample sample;
         ASSERT_TRUE(waitFor([&] { return (sample = mWriter->allocate(4, 0)) != nullptr; }));
         ASSERT_TRUE(mWriter->commit(sample));
-        ASSERT_TRUE(inbox.waitForSize(kReaders));
-        std::vector<Sample> held = inbox.takeAll();
-        ASSERT_EQ(held.size(), kReaders);
-        std::vector<Sample> half(held.begin() + kReaders / 2, held.end());
-        held.resize(kReaders / 2);
+        std::vector<Sample> held = mInbox.take(kMaxReaders);
+        std::vector<Sample> half(held.begin() + kMaxReaders / 2, held.end());
+        held.resize(kMaxReaders / 2);
         std::atomic<bool> go{false};
-        std::thread other([&] {
-            while (!go) {
+        {
+            std::jthread other([&] {
+                while (!go) {
+                }
+                half.clear();
+            });
+            go = true;
+            held.clear();
+            if (round % 2 == 0) {
+                sample.reset();
             }
-            half.clear();
-        });
-        go = true;
-        held.clear();
-        if (round % 2 == 0) {
-            sample.reset();
         }
-        other.join();
-        // The finish must never take the writer's own hold.
         if (sample) {
             ASSERT_TRUE(waitFor([&] { return status(sample).writeRef.load() <= 1; }));
-            ASSERT_EQ(status(sample).writeRef.load(), 1u);
+            ASSERT_EQ(status(sample).writeRef.load(), 1u) << "a finish took the writer's own hold";
         }
     }
-    EXPECT_TRUE(waitUntilAllFree());
+    EXPECT_TRUE(allComeBack());
     EXPECT_EQ(mReleased, kRounds);
     EXPECT_FALSE(mLog.has("pending refs"));
     EXPECT_FALSE(mLog.has("not equal"));
@@ -102,181 +100,140 @@ TEST_F(PubSubTest, ACallbackMayLetGoOfManySamplesOfSeveralWritersAtOnce) {
         ASSERT_TRUE(sample);
         ASSERT_TRUE(from.commit(sample));
     }
-    // Sooner than the master's pass, which tells the writer again what it was not told after 5 s.
-    EXPECT_TRUE(waitFor([this] { return busyBlocks() == 0; }, 4000));
+    EXPECT_TRUE(allComeBack());
     EXPECT_EQ(mReleased, 30u);
     EXPECT_EQ(secondReleased, 10u);
     channel->close();
 }
 
 TEST_F(PubSubTest, ADescriptorReachesEveryReaderAndNoneIsLeft) {
-    Inbox inbox;
-    const auto first = openReader("first", inbox);
-    const auto second = openReader("second", inbox);
-    const int memory = memfd_create("passed", MFD_CLOEXEC);
+    openReader("first");
+    const auto second = openReader("second");
+    const UniqueFd memory(memfd_create("passed", MFD_CLOEXEC));
     const auto publish = [&] {
         Sample sample = mWriter->allocate(1, 0);
-        sample->fd(memory);
+        ASSERT_TRUE(sample);
+        ASSERT_EQ(sample->fd(memory.get()), memory.get());
         ASSERT_TRUE(mWriter->commit(sample));
     };
     publish();  // connections are made on the way
-    ASSERT_TRUE(inbox.waitForSize(2));
-    inbox.takeAll();
-    ASSERT_TRUE(waitUntilAllFree());
+    mInbox.take(2);
+    ASSERT_TRUE(allComeBack());
     const long before = openDescriptors();
     for (int i = 0; i < 200; ++i) {
         publish();
-        ASSERT_TRUE(inbox.waitForSize(2));
-        const std::vector<Sample> got = inbox.takeAll();
+        const std::vector<Sample> got = mInbox.take(2);
+        ASSERT_EQ(got.size(), 2u);
         ASSERT_NE(got[0]->fd(), got[1]->fd());
         for (const Sample& sample : got) {
             ASSERT_EQ(pwrite(sample->fd(), &i, sizeof i, 0), static_cast<ssize_t>(sizeof i));
         }
     }
-    ASSERT_TRUE(waitUntilAllFree());
+    ASSERT_TRUE(allComeBack());
     EXPECT_EQ(openDescriptors(), before);
 
     // A closed channel that is still in the table: its messages are refused, with what they carry.
     second->close();
     second->registerReader();
     publish();
-    ASSERT_TRUE(inbox.waitForSize(1));
-    inbox.takeAll();
+    Sample last = mInbox.take(1).at(0);
     ASSERT_TRUE(waitFor([&] { return mLog.has("reader channel " + mChannelName + " closed"); }));
-    EXPECT_TRUE(waitFor([&] { return openDescriptors() == before; }));
-    close(memory);
-}
-
-TEST_F(PubSubTest, ALateReaderSeesWhatIsCommittedAfterItsOpen) {
-    Inbox early;
-    Inbox late;
-    openReader("early", early);
-    commit("1");
-    ASSERT_TRUE(early.waitForSize(1));
-    openReader("late", late);
-    commit("2");
-    ASSERT_TRUE(early.waitForSize(2));
-    ASSERT_TRUE(late.waitForSize(1));
-    EXPECT_EQ(text(late.takeAll().at(0)), "2");
+    EXPECT_TRUE(waitFor([&] { return openDescriptors() == before + 1; }));
+    const UniqueFd detached(last->detachFd());
+    EXPECT_EQ(last->fd(), -1);
+    last.reset();
+    EXPECT_NE(fcntl(detached.get(), F_GETFD), -1) << "closed although it was detached";
 }
 
 TEST_F(PubSubTest, TwoProcessesExchangeSamples) {
-    Inbox inbox;
-    openReader("reader", inbox);
-    HelperProcess writer("ChannelPeerHelper", peerArgs("write"));
-    HelperProcess reader("ChannelPeerHelper", peerArgs("read"));
-    joined(writer);
-    joined(reader);
+    openReader("reader");
+    const auto writer = peer("write");
+    const auto reader = peer("read");
     EXPECT_EQ(mWriter->getReaderCount(), 2u);
     for (int i = 0; i < 20; ++i) {
         commit("number " + std::to_string(i));
-        ASSERT_TRUE(reader.waitForLine("got number " + std::to_string(i)));
-        ASSERT_TRUE(writer.writeLine("commit"));
-        ASSERT_TRUE(writer.waitForLine("committed"));
-        ASSERT_TRUE(inbox.waitForSize(2));
-        EXPECT_EQ(text(inbox.takeAll().at(1)), std::string("peer\0", 5));
+        ASSERT_TRUE(reader->waitForLine("got number " + std::to_string(i)));
+        ASSERT_EQ(writer->ask("commit"), "committed");
+        EXPECT_EQ(text(mInbox.take(2).at(1)), "peer");
     }
-    writer.closeInput();
-    EXPECT_EQ(writer.wait(), 0);
-    reader.closeInput();
-    EXPECT_EQ(reader.wait(), 0);
-    EXPECT_TRUE(waitUntilAllFree());
+    for (HelperProcess* process : {writer.get(), reader.get()}) {
+        process->closeInput();
+        EXPECT_EQ(process->wait(), 0);
+    }
+    EXPECT_TRUE(allComeBack());
     EXPECT_EQ(mWriter->getReaderCount(), 1u);
 }
 
 TEST_F(PubSubTest, AWriterKilledWhileFillingGivesItsBlockBackAndNothingElseStops) {
-    Inbox inbox;
-    openReader("reader", inbox);
-    HelperProcess writer("ChannelPeerHelper", peerArgs("write"));
-    joined(writer);
+    openReader("reader");
+    const auto writer = peer("write");
     EXPECT_EQ(busyBlocks(), 1u);
     const auto begin = std::chrono::steady_clock::now();
-    writer.killAndReap();
+    writer->killAndReap();
     commit("the others go on");
-    ASSERT_TRUE(inbox.waitForSize(1));
+    EXPECT_TRUE(waitFor([&] { return mInbox.size() == 1; }));
     EXPECT_EQ(busyBlocks(), 2u);
-    inbox.takeAll();
-    EXPECT_TRUE(waitUntilAllFree());
-    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500))
-        << "a writer has a grace of a second from its last sign of life";
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(12));
+    mInbox.take(1);
+    EXPECT_TRUE(allAreSettled());
+    const auto took = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(took, std::chrono::milliseconds(500)) << "a second from its last sign of life";
+    EXPECT_LT(took, std::chrono::seconds(12));
     EXPECT_TRUE(mLog.has("as writer is not alive in writing state"));
 }
 
 TEST_F(PubSubTest, AReaderKilledWhileHoldingGivesItsBlocksBackAndTheOthersGoOn) {
-    Inbox inbox;
-    openReader("reader", inbox);
-    HelperProcess holder("ChannelPeerHelper", peerArgs("keep"));
-    joined(holder);
+    openReader("reader");
+    const auto holder = peer("keep");
     // It gets what there is, and the writer is told so.
     for (unsigned int i = 0; i < kSmallCount; ++i) {
         commit("kept");
-        ASSERT_TRUE(holder.waitForLine("got kept"));
+        ASSERT_TRUE(holder->waitForLine("got kept"));
     }
-    ASSERT_TRUE(inbox.waitForSize(kSmallCount));
-    inbox.takeAll();
+    mInbox.take(kSmallCount);
     EXPECT_EQ(mWriter->allocate(1, 0), nullptr);
     EXPECT_EQ(errno, EAGAIN);
-    holder.killAndReap();
+    holder->killAndReap();
     Sample sample;
     ASSERT_TRUE(waitFor([&] { return (sample = mWriter->allocate(4, 0)) != nullptr; }, 5000));
     ASSERT_TRUE(mWriter->commit(sample));
     sample.reset();
-    ASSERT_TRUE(inbox.waitForSize(1));
-    inbox.takeAll();
-    EXPECT_TRUE(waitUntilAllFree());
+    mInbox.take(1);
+    EXPECT_TRUE(allAreSettled());
     EXPECT_EQ(mReleased, kSmallCount + 1);
     EXPECT_TRUE(waitFor([&] { return mWriter->getReaderCount() == 1; }));
 }
 
-TEST_F(PubSubTest, AReaderThatNeverClaimsLosesTheSampleWhenItDiesOrAfterTheLimit) {
-    Inbox inbox;
-    openReader("reader", inbox);
-    HelperProcess silent("ChannelPeerHelper", peerArgs("read"));
-    joined(silent);
+TEST_F(PubSubTest, AReaderThatNeverClaimsLosesTheSampleAfterTheLimitOrWhenItDies) {
+    openReader("reader");
+    const auto silent = peer("read");
     commit("connect");
-    ASSERT_TRUE(silent.waitForLine("got connect"));
-    ASSERT_TRUE(inbox.waitForSize(1));
-    inbox.takeAll();
-    ASSERT_TRUE(waitUntilAllFree());
-    stop(silent);
+    ASSERT_TRUE(silent->waitForLine("got connect"));
+    mInbox.take(1);
+    ASSERT_TRUE(allComeBack());
 
-    Sample sample = commit("late");
-    ASSERT_TRUE(inbox.waitForSize(1));
-    inbox.takeAll();
+    stop(*silent);
+    Sample sample = commit("too late");
+    mInbox.take(1);
     BlockHeader& block = header(sample);
     sample.reset();
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     EXPECT_EQ(block.status.stateWord().state, BlockState::Ready) << "the living have 5 seconds";
-    age(block, 5000000);
-    EXPECT_TRUE(waitUntilAllFree());
-
-    commit("never seen");
-    ASSERT_TRUE(inbox.waitForSize(1));
-    inbox.takeAll();
-    silent.killAndReap();
-    EXPECT_TRUE(waitFor([&] { return busyBlocks() == 0; }, 4000)) << "no limit for the dead";
-    EXPECT_EQ(mReleased, 3u);
-}
-
-TEST_F(PubSubTest, AReaderThatWakesUpTooLateSkipsTheSample) {
-    HelperProcess silent("ChannelPeerHelper", peerArgs("read"));
-    joined(silent);
-    commit("connect");
-    ASSERT_TRUE(silent.waitForLine("got connect"));
-    ASSERT_TRUE(waitUntilAllFree());
-    stop(silent);
-    Sample sample = commit("too late");
-    BlockHeader& block = header(sample);
-    sample.reset();
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    age(block, 5000000);
-    ASSERT_TRUE(waitUntilAllFree());
-    kill(silent.pid(), SIGCONT);
+    age(block);
+    EXPECT_TRUE(allAreSettled());
+    kill(silent->pid(), SIGCONT);
     commit("in time");
     std::string line;
-    ASSERT_TRUE(silent.readLine(line));
-    EXPECT_EQ(line, "got in time");
+    ASSERT_TRUE(silent->readLine(line));
+    EXPECT_EQ(line, "got in time") << "it must skip what it lost";
+    mInbox.take(1);
+    EXPECT_TRUE(allAreSettled());
+
+    stop(*silent);
+    commit("never seen");
+    mInbox.take(1);
+    silent->killAndReap();
+    EXPECT_TRUE(waitFor([&] { return busyBlocks() == 0; }, 4000)) << "no limit for the dead";
+    EXPECT_EQ(mReleased, 4u);
 }
 
 }  // namespace

@@ -95,6 +95,12 @@ public:
         return write(mIn, text.data(), text.size()) == static_cast<ssize_t>(text.size());
     }
 
+    /// Writes a command and reads the line that answers it.
+    std::string ask(const std::string& command) {
+        std::string answer;
+        return writeLine(command) && readLine(answer) ? answer : "no answer";
+    }
+
     /// Ends the helper's standard input.
     void closeInput() {
         close(mIn);
