@@ -1,92 +1,55 @@
 #include "ipc/SharedMemChannel.h"
 
-#include <gtest/gtest.h>
-#include <json/value.h>
+#include "tests/ipc/DomainFixture.h"
+#include "tests/ipc/RawSegment.h"
 
-#include <functional>
-#include <iterator>
-#include <memory>
-
-#include "frame/base/NamedSegment.h"
-#include "ipc/SharedDomainImpl.h"
-#include "ipc/SharedMemNodeImpl.h"
-#include "tests/support/IpcCleanup.h"
-#include "tests/support/LogCapture.h"
-
-namespace Vantel::Orbel {
+namespace OrbelTest {
 namespace {
 
 constexpr uint64_t kDead = 0xDEAD;  // no node of the domain
 
-class SharedMemChannelTest : public testing::Test {
+class SharedMemChannelTest : public DomainFixture {
 protected:
-    SharedMemChannelTest() {
-        EXPECT_TRUE(mDomain->init(Json::Value()));
-        mNode = newNode("node");
-        mChannel = channelOf(mNode);
+    SharedMemChannel channelOf(const std::string& node) {
+        return SharedMemChannel(mName, aliveNode(*mDomain, node));
     }
-    ~SharedMemChannelTest() override {
-        mChannel.reset();
-        mNode.reset();
-        mDomain->deInit();
+    /// The status segment, set to `length` first if that is not 0.
+    RawSegment raw(size_t length = 0) const {
+        return RawSegment("/shmipc_channel_" + mName + "_status", length);
+    }
+    /// What creating the status segment of `channel` printed; it must have failed.
+    static std::string refusal(SharedMemChannel& channel) {
+        testing::internal::CaptureStdout();
+        EXPECT_FALSE(channel.createStatusMemory());
+        std::fflush(stdout);
+        return testing::internal::GetCapturedStdout();
     }
 
-    std::shared_ptr<SharedMemNodeImpl> newNode(const std::string& name) {
-        auto node = std::dynamic_pointer_cast<SharedMemNodeImpl>(mDomain->createNode(name));
-        EXPECT_TRUE(node != nullptr && node->init());
-        return node;
-    }
-    std::unique_ptr<SharedMemChannel> channelOf(const std::shared_ptr<SharedMemNodeImpl>& node) {
-        return std::make_unique<SharedMemChannel>(mName, node);
-    }
-    /// The status segment as a stranger sees it; cut to `length` first if that is not 0.
-    NamedSegment stranger(size_t length = 0) const {
-        NamedSegment segment("/shmipc_channel_" + mName + "_status");
-        EXPECT_TRUE(segment.open(0644));
-        EXPECT_TRUE(length == 0 || segment.resize(length));
-        EXPECT_TRUE(segment.map(static_cast<size_t>(segment.length())));
-        return segment;
-    }
-    static uint64_t* ids(const NamedSegment& segment, size_t offset) {
-        return reinterpret_cast<uint64_t*>(static_cast<char*>(segment.address()) + offset);
-    }
-    static uint64_t* writers(const NamedSegment& segment) { return ids(segment, 8); }
-    static uint64_t* readers(const NamedSegment& segment) { return ids(segment, 72); }
-
-    OrbelTest::IpcCleanup mCleanup;
     const std::string mName = mCleanup.channel("orbel_channel");
-    OrbelTest::LogCapture mLog;
-    std::shared_ptr<SharedDomainImpl> mDomain =
-        std::make_shared<SharedDomainImpl>(mCleanup.domain("orbel_domain"));
-    std::shared_ptr<SharedMemNodeImpl> mNode;
-    std::unique_ptr<SharedMemChannel> mChannel;
+    std::shared_ptr<SharedDomainImpl> mDomain = joined();
+    const uint64_t mSelf = aliveNode(*mDomain, "node")->nodeId();
+    SharedMemChannel mChannel = channelOf("node");
 };
 
-TEST_F(SharedMemChannelTest, TheIdIsTheSameInEveryBuild) {
-    EXPECT_EQ(SharedMemChannel::generateChannelId("camera"), 0x757853892384c201u);
-    EXPECT_EQ(SharedMemChannel::generateChannelId(mName),
-              std::hash<std::string>{}("/shmipc/channel/" + mName));
-}
-
 TEST_F(SharedMemChannelTest, AFreshSegmentHasTheBytesOfTheFormatAndASecondChannelFindsThem) {
-    EXPECT_FALSE(mChannel->registerReader()) << "no segment yet";
-    EXPECT_FALSE(mChannel->unregisterWriter(kDead));
-    ASSERT_TRUE(mChannel->createStatusMemory());
-    ASSERT_TRUE(mChannel->createStatusMemory()) << "once more changes nothing";
-    ASSERT_TRUE(mChannel->registerWriter());
-    ASSERT_TRUE(mChannel->registerReader());
-    const auto other = newNode("other");
-    const auto second = channelOf(other);
-    ASSERT_TRUE(second->createStatusMemory());
-    ASSERT_TRUE(second->registerReader());
+    EXPECT_EQ(SharedMemChannel::generateChannelId("camera"), 0x757853892384c201u);
+    EXPECT_FALSE(mChannel.registerReader()) << "no segment yet";
+    EXPECT_FALSE(mChannel.unregisterWriter(kDead));
+    ASSERT_TRUE(mChannel.createStatusMemory());
+    ASSERT_TRUE(mChannel.createStatusMemory()) << "once more changes nothing";
+    ASSERT_TRUE(mChannel.registerWriter());
+    ASSERT_TRUE(mChannel.registerReader());
+    SharedMemChannel second = channelOf("other");
+    ASSERT_TRUE(second.createStatusMemory());
+    ASSERT_TRUE(second.registerReader());
 
-    const NamedSegment segment = stranger();
+    RawSegment segment = raw();
     EXPECT_EQ(segment.size(), 4096u);
-    EXPECT_EQ(*static_cast<uint32_t*>(segment.address()), 0xCAFEBABE);
-    EXPECT_EQ(writers(segment)[0], mNode->nodeId());
-    EXPECT_EQ(readers(segment)[0], mNode->nodeId());
-    EXPECT_EQ(readers(segment)[1], other->nodeId());
-    EXPECT_EQ(writers(segment)[1], 0u);
+    EXPECT_EQ(segment.at<uint32_t>(0), 0xCAFEBABE);
+    EXPECT_EQ(segment.at<uint64_t>(8), mSelf);
+    EXPECT_EQ(segment.at<uint64_t>(16), 0u) << "the second writer";
+    EXPECT_EQ(segment.at<uint64_t>(72), mSelf);
+    EXPECT_EQ(segment.at<uint64_t>(80), aliveNode(*mDomain, "other")->nodeId());
     EXPECT_EQ(mLog.count("Initializing param shared memory for channel " + mName + "\n"), 1);
 }
 
@@ -100,31 +63,29 @@ TEST_F(SharedMemChannelTest, TheNinthIsRefusedUntilOneHasLeftOrDied) {
         {"readers", &SharedMemChannel::registerReader, &SharedMemChannel::unregisterReader, 72},
         {"writers", &SharedMemChannel::registerWriter, &SharedMemChannel::unregisterWriter, 8},
     };
-    ASSERT_TRUE(mChannel->createStatusMemory());
-    const NamedSegment segment = stranger();
-    const uint64_t self = mNode->nodeId();
+    ASSERT_TRUE(mChannel.createStatusMemory());
+    RawSegment segment = raw();
     for (const auto& t : tables) {
         SCOPED_TRACE(t.table);
-        SharedMemChannel& channel = *mChannel;
-        uint64_t* table = ids(segment, t.offset);
+        uint64_t* const ids = &segment.at<uint64_t>(t.offset);
         for (int i = 0; i < 8; ++i) {
-            EXPECT_TRUE((channel.*t.enter)()) << "an entry of the own node is no obstacle";
+            EXPECT_TRUE((mChannel.*t.enter)()) << "an entry of the own node is no obstacle";
         }
-        EXPECT_FALSE((channel.*t.enter)());
+        EXPECT_FALSE((mChannel.*t.enter)());
 
-        table[5] = kDead;
-        EXPECT_TRUE((channel.*t.enter)()) << "without waiting for any clean-up";
-        EXPECT_EQ(table[5], self);
-        EXPECT_FALSE((channel.*t.enter)());
+        ids[5] = kDead;
+        EXPECT_TRUE((mChannel.*t.enter)()) << "without waiting for any clean-up";
+        EXPECT_EQ(ids[5], mSelf);
+        EXPECT_FALSE((mChannel.*t.enter)());
 
-        EXPECT_FALSE((channel.*t.leave)(kDead));
-        EXPECT_TRUE((channel.*t.leave)(self)) << "one of the eight";
-        EXPECT_EQ(table[0], 0u);
-        EXPECT_EQ(table[1], self);
-        table[3] = kDead;
-        EXPECT_TRUE((channel.*t.enter)());
-        EXPECT_EQ(table[0], self) << "the first entry, free or dead, in table order";
-        EXPECT_EQ(table[3], kDead);
+        EXPECT_FALSE((mChannel.*t.leave)(kDead));
+        EXPECT_TRUE((mChannel.*t.leave)(mSelf)) << "one of the eight";
+        EXPECT_EQ(ids[0], 0u);
+        EXPECT_EQ(ids[1], mSelf);
+        ids[3] = kDead;
+        EXPECT_TRUE((mChannel.*t.enter)());
+        EXPECT_EQ(ids[0], mSelf) << "the first entry, free or dead, in table order";
+        EXPECT_EQ(ids[3], kDead);
     }
 }
 
@@ -140,27 +101,21 @@ TEST_F(SharedMemChannelTest, ASegmentThatIsNoChannelsIsRefusedAndLeftAlone) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
-        ASSERT_TRUE(channelOf(mNode)->createStatusMemory());
-        const NamedSegment segment = stranger(c.length);
-        *static_cast<uint32_t*>(segment.address()) = c.magic;
-        const std::string before(static_cast<const char*>(segment.address()), segment.size());
-        const auto channel = channelOf(mNode);
-        testing::internal::CaptureStdout();
-        EXPECT_FALSE(channel->createStatusMemory());
-        std::fflush(stdout);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  "init status shared memory channel " + mName + " failed\n");
-        EXPECT_FALSE(channel->registerReader());
-        EXPECT_EQ(before, std::string(static_cast<const char*>(segment.address()), segment.size()));
-        EXPECT_TRUE(segment.unlink());
+        ASSERT_TRUE(channelOf("node").createStatusMemory());
+        RawSegment segment = raw(c.length);
+        segment.at<uint32_t>(0) = c.magic;
+        const std::string before = segment.bytes();
+        SharedMemChannel channel = channelOf("node");
+        EXPECT_EQ(refusal(channel), "init status shared memory channel " + mName + " failed\n");
+        EXPECT_FALSE(channel.registerReader());
+        EXPECT_EQ(before, segment.bytes());
+        EXPECT_TRUE(segment.remove());
     }
     EXPECT_EQ(mLog.count("]Invalid channel status magic for channel " + mName + "\n"), 3);
 
-    SharedMemChannel slash(mCleanup.channel("orbel/channel"), mNode);
-    testing::internal::CaptureStdout();
-    EXPECT_FALSE(slash.createStatusMemory());
-    std::fflush(stdout);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("create shm ["), std::string::npos);
+    SharedMemChannel slash("orbel/channel", aliveNode(*mDomain, "node"));
+    EXPECT_NE(refusal(slash).find("create shm ["), std::string::npos);
+    IpcCleanup::removeMutex("orbel/channel");
 }
 
 TEST_F(SharedMemChannelTest, OnlyABlockThatReadersAreDoneWithIsReported) {
@@ -168,24 +123,24 @@ TEST_F(SharedMemChannelTest, OnlyABlockThatReadersAreDoneWithIsReported) {
     block.status.writerId.store(kDead);
     block.status.state.store(StateWord{BlockState::Free, 0, 0, 5}.pack());
     const std::string refusal = "]SharedMemChannel notifyWriterDataFinished block index 0 state ";
-    EXPECT_FALSE(mChannel->notifyWriterDataFinished(&block));
+    EXPECT_FALSE(mChannel.notifyWriterDataFinished(&block));
     EXPECT_EQ(mLog.count(refusal + "0, readerMask 0, claimMask 0, readRef 0\n"), 1);
 
     block.status.state.store(StateWord{BlockState::Ready, 0, 0, 6}.pack());
     block.status.storeMasks({2, 2});
     block.status.readRef.store(1);
-    EXPECT_FALSE(mChannel->notifyWriterDataFinished(&block));
+    EXPECT_FALSE(mChannel.notifyWriterDataFinished(&block));
     EXPECT_EQ(mLog.count(refusal + "2, readerMask 2, claimMask 2, readRef 1\n"), 1);
-    EXPECT_TRUE(mChannel->notifyWriterDataFinished(&block, 4)) << "moved on: nothing to report";
+    EXPECT_TRUE(mChannel.notifyWriterDataFinished(&block, 4)) << "moved on: nothing to report";
 
     const std::string failure = "]SharedMemChannel notifyWriterDataFinished notify writer failed\n";
     EXPECT_EQ(mLog.count(failure), 0) << "so far nothing was sent";
     block.status.storeMasks({});
-    EXPECT_FALSE(mChannel->notifyWriterDataFinished(&block, 6)) << "its writer is not there";
+    EXPECT_FALSE(mChannel.notifyWriterDataFinished(&block, 6)) << "its writer is not there";
     EXPECT_EQ(mLog.count(failure), 1);
-    EXPECT_FALSE(mChannel->notifyWriterDataFinished(nullptr));
-    EXPECT_FALSE(mChannel->notifyWriterDataFinished(nullptr, 6));
+    EXPECT_FALSE(mChannel.notifyWriterDataFinished(nullptr));
+    EXPECT_FALSE(mChannel.notifyWriterDataFinished(nullptr, 6));
 }
 
 }  // namespace
-}  // namespace Vantel::Orbel
+}  // namespace OrbelTest

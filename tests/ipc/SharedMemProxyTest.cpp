@@ -1,60 +1,49 @@
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <json/json.h>
 #include <sys/stat.h>
 
 #include <chrono>
+#include <semaphore>
 #include <thread>
 
 #include "Vantel/Orbel/UnixClient.h"
+#include "frame/base/ScopeExit.h"
 #include "ipc/NodeSocket.h"
-#include "ipc/SharedDomainImpl.h"
 #include "ipc/SharedMemReaderProxy.h"
 #include "ipc/SharedMemWriterProxy.h"
+#include "tests/ipc/DomainFixture.h"
 #include "tests/ipc/RawPeer.h"
-#include "tests/support/IpcCleanup.h"
-#include "tests/support/LogCapture.h"
 #include "tests/support/OpenDescriptors.h"
-#include "tests/support/WaitFor.h"
 
+namespace OrbelTest {
 namespace {
 
-using namespace Vantel::Orbel;
-using namespace OrbelTest;
-
 /// The peer is an entry in the node table with a plain socket of the test behind it.
-class SharedMemProxyTest : public testing::Test {
+class SharedMemProxyTest : public DomainFixture {
 protected:
     static constexpr unsigned long kPeerId = 0x1234567890ABCDEF;
 
     void SetUp() override {
-        ASSERT_TRUE(mDomain->init(Json::objectValue));
-        mSegment = DomainSegment::open(mName);
-        const DomainSegment::Lock lock(*mSegment);
-        mSlot = *mSegment->claimSlot();
-        mSegment->fillSlot(mSlot, "peer", kPeerId);
-        mSegment->node(mSlot).state.store(NodeState::Alive);
+        const DomainSegment::Lock lock(*mTable);
+        mSlot = *mTable->claimSlot();
+        mTable->fillSlot(mSlot, "peer", kPeerId);
+        mTable->node(mSlot).state.store(NodeState::Alive);
     }
-    void TearDown() override { mDomain->deInit(); }
 
     static PipeMessage message(uint64_t sequence, int fd = -1) {
         return PipeMessage::make(PipeAction::DataReady, {}, 1, 2, sequence, fd);
     }
-    std::string path() const { return nodeSocketPath(mName, "peer"); }
-    bool sent(SharedMemProxyBase& proxy) {
+    /// The connection is made behind the caller's back, with retries.
+    static bool sent(SharedMemProxyBase& proxy) {
         return waitFor([&] { return proxy.writeMessage(message(0)); });
     }
+    UniqueFd listen() const { return rawListen(nodeSocketPath(mDomainName, "peer")); }
 
-    LogCapture mLog;
-    IpcCleanup mCleanup;
-    const std::string mName = mCleanup.domain("proxy");
-    std::shared_ptr<SharedDomainImpl> mDomain = std::make_shared<SharedDomainImpl>(mName);
-    std::shared_ptr<DomainSegment> mSegment;
+    std::shared_ptr<SharedDomainImpl> mDomain = joined();
+    std::shared_ptr<DomainSegment> mTable = segment();
     unsigned int mSlot = 0;
 };
 
 TEST_F(SharedMemProxyTest, RecordsOfManyThreadsArriveWholeAndInOrder) {
-    const UniqueFd listener = rawListen(path());
+    const UniqueFd listener = listen();
     const auto proxy = mDomain->getReaderProxy(kPeerId);
     ASSERT_TRUE(proxy);
     EXPECT_EQ(mDomain->getReaderProxy(kPeerId), proxy);
@@ -68,26 +57,26 @@ TEST_F(SharedMemProxyTest, RecordsOfManyThreadsArriveWholeAndInOrder) {
 
     constexpr uint64_t kThreads = 4;
     constexpr uint64_t kEach = 300;
-    int pipeEnds[2];
-    ASSERT_EQ(pipe2(pipeEnds, O_CLOEXEC), 0);
-    const UniqueFd readEnd(pipeEnds[0]);
-    const UniqueFd writeEnd(pipeEnds[1]);
     struct stat sentFile = {};
-    fstat(readEnd.get(), &sentFile);
-    std::vector<std::thread> threads;
+    fstat(listener.get(), &sentFile);
+    std::counting_semaphore<> room(32);  // nobody may outrun the reader: a send waits 10 ms at most
+    std::vector<std::jthread> threads;
     for (uint64_t thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([&, thread] {
             for (uint64_t i = 1; i <= kEach; ++i) {
+                room.acquire();
                 // Each third record carries a descriptor.
-                const auto record = message(thread << 32 | i, i % 3 == 0 ? readEnd.get() : -1);
+                const auto record = message(thread << 32 | i, i % 3 == 0 ? listener.get() : -1);
                 EXPECT_TRUE(proxy->writeMessage(record));
             }
         });
     }
+    const ScopeExit letGo([&] { room.release(kThreads * kEach); });
     uint64_t last[kThreads] = {};
     for (uint64_t i = 0; i < kThreads * kEach; ++i) {
         descriptor.reset();
         ASSERT_TRUE(rawReceive(connection.get(), &got, sizeof got, descriptor));
+        room.release();
         const uint64_t thread = got.sequence >> 32;
         const uint64_t number = got.sequence & 0xFFFFFFFF;
         ASSERT_LT(thread, kThreads);
@@ -97,9 +86,6 @@ TEST_F(SharedMemProxyTest, RecordsOfManyThreadsArriveWholeAndInOrder) {
         if (descriptor.valid() && fstat(descriptor.get(), &gotFile) == 0) {
             EXPECT_EQ(gotFile.st_ino, sentFile.st_ino);
         }
-    }
-    for (auto& thread : threads) {
-        thread.join();
     }
 }
 
@@ -113,12 +99,9 @@ TEST_F(SharedMemProxyTest, APeerThatIsGoneAtConnectIsReachedOnceItIsBack) {
     EXPECT_TRUE(
         mLog.has("SharedMemWriterProxy(peer): initial connection not ready, retry enabled"));
 
-    const UniqueFd listener = rawListen(path());
+    const UniqueFd listener = listen();
     EXPECT_TRUE(sent(*proxy));
-    {
-        const UniqueFd connection = rawAccept(listener.get());
-        ASSERT_TRUE(connection.valid());
-    }  // closed: the next sends fail until the client has connected again
+    EXPECT_TRUE(rawAccept(listener.get()).valid());  // and closed: the next sends fail
     UniqueFd again;
     EXPECT_TRUE(waitFor([&] {
         proxy->writeMessage(message(2));
@@ -129,7 +112,7 @@ TEST_F(SharedMemProxyTest, APeerThatIsGoneAtConnectIsReachedOnceItIsBack) {
 }
 
 TEST_F(SharedMemProxyTest, APeerThatStopsReadingLosesItsConnectionAndNotOurTime) {
-    const UniqueFd listener = rawListen(path());
+    const UniqueFd listener = listen();
     const auto proxy = mDomain->getReaderProxy(kPeerId);
     ASSERT_TRUE(proxy && sent(*proxy));
     const UniqueFd connection = rawAccept(listener.get());
@@ -153,49 +136,46 @@ TEST_F(SharedMemProxyTest, APeerThatStopsReadingLosesItsConnectionAndNotOurTime)
 
 TEST_F(SharedMemProxyTest, AProxyOfAReusedSlotIsDroppedAndItsHolderIsSafe) {
     const long descriptors = openDescriptors();
-    const UniqueFd listener = rawListen(path());
+    const UniqueFd listener = listen();
     const auto proxy = mDomain->getReaderProxy(kPeerId);
     ASSERT_TRUE(proxy && sent(*proxy));
-    mSegment->node(mSlot).nodeId.store(kPeerId + 1);
+    mTable->node(mSlot).nodeId.store(kPeerId + 1);
     EXPECT_FALSE(proxy->valid());
     EXPECT_TRUE(waitFor([&] { return mDomain->getReaderProxy(kPeerId) == nullptr; }));
     EXPECT_TRUE(waitFor([&] { return !proxy->writeMessage(message(1)) && errno == ENOTCONN; }));
     EXPECT_TRUE(mDomain->getReaderProxy(kPeerId + 1)) << "the new node of the slot";
-    mSegment->node(mSlot).nodeId.store(kPeerId + 2);
+    mTable->node(mSlot).nodeId.store(kPeerId + 2);
     EXPECT_TRUE(waitFor([&] { return openDescriptors() == descriptors + 1; }));
 }
 
 TEST_F(SharedMemProxyTest, ABadClientIsRefused) {
-    SharedMemReaderProxy empty(mDomain->getEventLoop(), {}, mName);
+    const auto client = [&] {
+        return std::make_unique<UnixClient>(mDomain->getEventLoop(), "client");
+    };
+    SharedMemReaderProxy empty(mDomain->getEventLoop(), {}, mDomainName);
     EXPECT_STREQ(empty.name(), "");
     EXPECT_FALSE(empty.valid());
     EXPECT_FALSE(empty.connect());
     EXPECT_FALSE(empty.writeMessage(message(1)));
-    EXPECT_FALSE(empty.attachClient(std::make_unique<UnixClient>(mDomain->getEventLoop(), "c")));
+    EXPECT_FALSE(empty.attachClient(client()));
 
-    const UniqueFd listener = rawListen(path());
-    const auto entry = mSegment->findAliveNode(kPeerId);
-    ASSERT_TRUE(entry);
-    SharedMemWriterProxy idle(nullptr, *entry, mName);
+    const UniqueFd listener = listen();
+    SharedMemWriterProxy idle(nullptr, *mTable->findAliveNode(kPeerId), mDomainName);
     EXPECT_FALSE(idle.writeMessage(message(1)));
     EXPECT_FALSE(idle.attachClient(nullptr));
-    const auto client = [&] {
-        return std::make_unique<UnixClient>(mDomain->getEventLoop(), "client");
-    };
     EXPECT_TRUE(idle.attachClient(client()));
     EXPECT_FALSE(idle.attachClient(client())) << "there is one already";
     EXPECT_TRUE(sent(idle));
     idle.close();
     EXPECT_FALSE(idle.writeMessage(message(1)));
-    EXPECT_EQ(mSegment->findAliveNode(0), std::nullopt);
 }
 
 TEST_F(SharedMemProxyTest, SendersInHandOutliveTheDomain) {
-    const UniqueFd listener = rawListen(path());
+    const UniqueFd listener = listen();
     const auto proxy = mDomain->getReaderProxy(kPeerId);
     ASSERT_TRUE(proxy);
     std::atomic<bool> stop{false};
-    std::vector<std::thread> senders;
+    std::vector<std::jthread> senders;
     for (int i = 0; i < 2; ++i) {
         senders.emplace_back([&] {
             while (!stop) {
@@ -213,9 +193,7 @@ TEST_F(SharedMemProxyTest, SendersInHandOutliveTheDomain) {
         EXPECT_TRUE(mDomain->init(Json::objectValue));
     }
     stop = true;
-    for (auto& sender : senders) {
-        sender.join();
-    }
 }
 
 }  // namespace
+}  // namespace OrbelTest
