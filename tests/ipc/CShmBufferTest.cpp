@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cstring>
 #include <memory>
 #include <thread>
 
@@ -15,6 +16,7 @@
 #include "tests/support/OpenDescriptors.h"
 
 using OrbelTest::HelperProcess;
+using OrbelTest::RawRing;
 using OrbelTest::RawSegment;
 using OrbelTest::ShmCleanup;
 using OrbelTest::TestRecord;
@@ -56,7 +58,7 @@ protected:
         return TestRecord::whole(buffer, size / 8) ? static_cast<long>(TestRecord::number(buffer))
                                                    : -2;
     }
-    RawSegment raw() { return RawSegment("/shmBuf_" + mName); }
+    RawRing raw() { return RawRing(mName); }
     static bool readable(int fd, int timeoutMs = 0) {
         pollfd event{fd, POLLIN, 0};
         return poll(&event, 1, timeoutMs) == 1;
@@ -178,10 +180,10 @@ TEST_F(RingTest, CreateJoinsOrMakesAnewAndReadersMoveOver) {
     EXPECT_EQ(next(*old), -104) << "there is none any more";
 
     ASSERT_TRUE(create(second, 64, 43));
-    raw().ring().version.store(0);  // its maker has died before it was done
-    raw().ring().nodeCount.store(0);
+    raw().header().version.store(0);  // its maker has died before it was done
+    raw().header().nodeCount.store(0);
     ASSERT_TRUE(create(second, 64, 43));
-    EXPECT_EQ(raw().ring().nodeCount.load(), 43u);
+    EXPECT_EQ(raw().header().nodeCount.load(), 43u);
     EXPECT_TRUE(old->open(mName.c_str()));
 }
 
@@ -208,15 +210,15 @@ TEST_F(RingTest, SignalsFromTheThresholdOnAndSurvivesEveryStateOfTheFifo) {
         put(writer, 4);
         EXPECT_FALSE(readable(fd)) << "below the threshold";
 
-        RawSegment segment = raw();
-        segment.ring().readers[0].signalling.store(1);  // left by a writer that died there
-        segment.ring().readers[0].skippedSignals.store(0);
+        RawRing segment = raw();
+        segment.reader(0).signalling.store(1);  // left by a writer that died there
+        segment.reader(0).skippedSignals.store(0);
         int records = 0;
         while (!readable(fd) && ++records < 100) {
             put(writer, 5);
         }
         EXPECT_EQ(records, 12);
-        segment.ring().readers[0].signalling.store(0);
+        segment.reader(0).signalling.store(0);
 
         ASSERT_EQ(fcntl(fd, F_SETPIPE_SZ, 4096), 4096);  // never drained: full, closed, tried anew
         writer.setOverwrite(true);
@@ -232,8 +234,8 @@ TEST_F(RingTest, SignalsFromTheThresholdOnAndSurvivesEveryStateOfTheFifo) {
 
         // A reader that is gone but not yet known to be: the write raises no SIGPIPE.
         EXPECT_TRUE(sleeper->close());
-        segment.ring().readers[0].pid.store(1);
-        segment.ring().readers[0].eventEnabled.store(1);
+        segment.reader(0).pid.store(1);
+        segment.reader(0).eventEnabled.store(1);
         EXPECT_EQ(put(writer, 1), 0);
         EXPECT_EQ(put(writer, 2), 0);
     }
@@ -354,38 +356,36 @@ TEST_F(RingTest, AHeldUpWriterIsNotLappedInItsNode) {
 }
 
 TEST_F(RingTest, ForgedSegmentsNeverLeadOutside) {
-    using Segment = RawSegment;
+    using Segment = RawRing;
     const struct {
         const char* why;
         bool opens;
         void (*forge)(Segment&);
     } cases[] = {
-        {"no nodes", false, [](Segment& s) { s.ring().nodeCount.store(0); }},
-        {"too many nodes", false, [](Segment& s) { s.ring().nodeCount.store(1000); }},
-        {"nodes too large", false, [](Segment& s) { s.ring().nodeSize.store(1u << 30); }},
+        {"no nodes", false, [](Segment& s) { s.header().nodeCount.store(0); }},
+        {"too many nodes", false, [](Segment& s) { s.header().nodeCount.store(1000); }},
+        {"nodes too large", false, [](Segment& s) { s.header().nodeSize.store(1u << 30); }},
         {"the product wraps", false,
          [](Segment& s) {
-             s.ring().nodeSize.store(0xFFFFFFF8);
-             s.ring().nodeCount.store(0xFFFFFFE8);
+             s.header().nodeSize.store(0xFFFFFFF8);
+             s.header().nodeCount.store(0xFFFFFFE8);
          }},
-        {"odd size", false, [](Segment& s) { s.ring().nodeSize.store(12); }},
-        {"not valid", false, [](Segment& s) { s.ring().valid.store(0); }},
+        {"odd size", false, [](Segment& s) { s.header().nodeSize.store(12); }},
+        {"not valid", false, [](Segment& s) { s.header().valid.store(0); }},
         {"sizes changed later", true, [](Segment&) {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.why);
         CShmBuffer writer;
         ASSERT_TRUE(create(writer, 64, 8));
-        RawSegment segment = raw();
+        RawRing segment = raw();
         c.forge(segment);
         CShmBuffer opened;
         EXPECT_EQ(opened.open(mName.c_str()), c.opens);
         writer.destroy();
     }
-    for (const off_t length : {0, 8, 1343, 1344}) {
-        const int fd = shm_open(("/shmBuf_" + mName).c_str(), O_RDWR | O_CREAT, 0666);
-        ASSERT_EQ(ftruncate(fd, length), 0);
-        close(fd);
+    for (const size_t length : {0, 8, 1343, 1344}) {
+        ASSERT_TRUE(RawSegment::make("/shmBuf_" + mName, length));
         CShmBuffer opened;
         EXPECT_FALSE(opened.open(mName.c_str())) << length;
         EXPECT_TRUE(create(opened, 64, 8)) << length;
@@ -395,28 +395,28 @@ TEST_F(RingTest, ForgedSegmentsNeverLeadOutside) {
     CShmBuffer writer;
     ASSERT_TRUE(create(writer, 64, 8));
     auto victim = reader();
-    RawSegment segment = raw();
-    segment.ring().nodeSize.store(0xFFFFFFF8);
-    segment.ring().nodeCount.store(0xFFFFFFFF);
+    RawRing segment = raw();
+    segment.header().nodeSize.store(0xFFFFFFF8);
+    segment.header().nodeCount.store(0xFFFFFFFF);
     for (const uint32_t size : {0u, 65u, 0xFFFFFFFFu}) {
         ASSERT_EQ(put(writer, 1), 0);
         segment.node(0).size.store(size);  // position 0 or 8: the stride is read anew, so set both
-        segment.ring().nodeSize.store(64);
-        const uint64_t at = (segment.ring().tail.load() - 1) % 8;
+        segment.header().nodeSize.store(64);
+        const uint64_t at = (segment.header().tail.load() - 1) % 8;
         segment.node(at).size.store(size);
         EXPECT_EQ(next(*victim), -1) << "a record of " << size << " bytes in nodes of 64";
     }
-    segment.ring().readers[0].head.store(~0ull);
+    segment.reader(0).head.store(~0ull);
     EXPECT_EQ(next(*victim), -1);
     EXPECT_EQ(put(writer, 1), 0);
-    segment.ring().readers[0].head.store(0);
-    segment.ring().tail.store(1ull << 62);
+    segment.reader(0).head.store(0);
+    segment.header().tail.store(1ull << 62);
     EXPECT_EQ(next(*victim), -1) << "or no end at all";
-    segment.ring().readers[0].pid.store(0xFFFFFFFF);
-    segment.ring().readers[0].lastActive.store(0);
-    segment.ring().tail.store(20);
+    segment.reader(0).pid.store(0xFFFFFFFF);
+    segment.reader(0).lastActive.store(0);
+    segment.header().tail.store(20);
     EXPECT_EQ(put(writer, 1), -2);
-    EXPECT_EQ(segment.ring().readers[0].pid.load(), 0u) << "-1 is no process";
+    EXPECT_EQ(segment.reader(0).pid.load(), 0u) << "-1 is no process";
 }
 
 /// The one case that the thread sanitizer can see: all share one mapping.
@@ -426,7 +426,7 @@ TEST_F(RingTest, ThreadsShareOneHandle) {
     ASSERT_GE(ring.getEventFd(), 0);
     ASSERT_TRUE(ring.enableEvent(true));
     constexpr uint64_t kRecords = 3000;
-    std::vector<std::thread> writers;
+    std::vector<std::jthread> writers;
     for (uint64_t writer = 0; writer < 4; ++writer) {
         writers.emplace_back([&ring, writer] {
             for (uint64_t number = 0; number < kRecords; ++number) {
@@ -448,9 +448,6 @@ TEST_F(RingTest, ThreadsShareOneHandle) {
         ASSERT_TRUE(TestRecord::whole(buffer, size / 8));
         ASSERT_EQ(TestRecord::number(buffer), expected[TestRecord::writer(buffer)]++);
         --left;
-    }
-    for (std::thread& writer : writers) {
-        writer.join();
     }
 }
 

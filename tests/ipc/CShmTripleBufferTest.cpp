@@ -62,7 +62,7 @@ TEST_F(TripleBufferTest, HandsOutTheNewestSampleOnceOrAgain) {
     EXPECT_TRUE(get(again) == (Got{8, 7, 77, 777})) << "its own size, nothing touched";
     for (uint64_t i = 1; i < 20; ++i) {
         ASSERT_EQ(put(writer, 100 + i), 0) << "eight bytes fit where three were asked for";
-        const auto state = TripleState::unpack(raw().as<ShmTripleHeader>().state.load());
+        const auto state = TripleState::unpack(raw().at<ShmTripleHeader>(0).state.load());
         EXPECT_EQ(state.front, i % 3);
         EXPECT_EQ(state.write, (i + 1) % 3);
         if (i % 3 != 0) {
@@ -161,7 +161,7 @@ TEST_F(TripleBufferTest, ForgedSegmentsNeverLeadOutside) {
         CShmTripleBuffer attached;
         ASSERT_TRUE(attached.open(mName.c_str(), true));
         RawSegment segment = raw();
-        c.forge(segment.as<ShmTripleHeader>());
+        c.forge(segment.at<ShmTripleHeader>(0));
         CShmTripleBuffer opened;
         EXPECT_EQ(opened.open(mName.c_str(), true), c.opens);
         EXPECT_EQ(get(attached).result, c.attached);
@@ -170,10 +170,8 @@ TEST_F(TripleBufferTest, ForgedSegmentsNeverLeadOutside) {
         EXPECT_EQ(put(writer, 3), 0);
         writer.destroy();
     }
-    for (const off_t length : {0, 8, 24, 119}) {
-        const int fd = shm_open(("/shmTriple_" + mName).c_str(), O_RDWR | O_CREAT, 0666);
-        ASSERT_EQ(ftruncate(fd, length), 0);
-        close(fd);
+    for (const size_t length : {0, 8, 24, 119}) {
+        ASSERT_TRUE(RawSegment::make("/shmTriple_" + mName, length));
         CShmTripleBuffer buffer;
         EXPECT_TRUE(create(buffer, 8)) << length;
         EXPECT_EQ(put(buffer, 1), 0);

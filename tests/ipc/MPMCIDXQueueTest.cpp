@@ -54,24 +54,22 @@ TEST_P(IndexQueue, TimedPopWaitsItsTimeAndTakesWhatArrivesMeanwhile) {
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(40));
     EXPECT_FALSE(queue.popWithTimeout(value, -1));
 
-    std::thread producer([&] {
+    const std::jthread producer([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         queue.push(7);
     });
     // A push that falls into the gap before the sleep does not wake, and a position that is won but
     // not yet filled ends the wait without a value: then the next round finds it.
-    const bool got = OrbelTest::waitFor([&] {
+    EXPECT_TRUE(OrbelTest::waitFor([&] {
         return queue.popWithUsTimeout(value, 2000000) || queue.popWithUsTimeout(value, LONG_MAX);
-    });
-    producer.join();
-    EXPECT_TRUE(got);
+    }));
     EXPECT_EQ(value, 7);
 }
 
 TEST_P(IndexQueue, StopWakesAllWaitersAndRefusesEverythingAfter) {
     MPMCIDXQueue queue(1, GetParam());
     std::atomic<int> back{0};
-    std::vector<std::thread> waiters;
+    std::vector<std::jthread> waiters;
     for (int i = 0; i < 3; ++i) {
         waiters.emplace_back([&] {
             int value = 0;
@@ -82,9 +80,7 @@ TEST_P(IndexQueue, StopWakesAllWaitersAndRefusesEverythingAfter) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(back, 0);
     queue.stop();
-    for (std::thread& waiter : waiters) {
-        waiter.join();
-    }
+    waiters.clear();
 
     MPMCIDXQueue full(1, GetParam());
     ASSERT_TRUE(full.push(1));
@@ -107,7 +103,7 @@ TEST_P(IndexQueue, FourProducersAndFourConsumersPassEachValueOnce) {
     MPMCIDXQueue queue(64, GetParam());
     std::vector<std::atomic<int>> seen(kSides * kEach);
     std::atomic<int> left{kSides * kEach};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int side = 0; side < kSides; ++side) {
         threads.emplace_back([&, side] {
             for (int i = 0; i < kEach; ++i) {
@@ -117,8 +113,8 @@ TEST_P(IndexQueue, FourProducersAndFourConsumersPassEachValueOnce) {
             }
         });
         threads.emplace_back([&, side] {
-            int last[kSides] = {-1, -1, -1,
-                                -1};  // what one consumer gets of a producer is in order
+            // What one consumer gets of a producer is in order.
+            int last[kSides] = {-1, -1, -1, -1};
             while (left > 0) {
                 int value = -1;
                 if (side % 2 == 0 ? queue.popWithUsTimeout(value, 200) : queue.tryPop(value, 5)) {
@@ -133,9 +129,7 @@ TEST_P(IndexQueue, FourProducersAndFourConsumersPassEachValueOnce) {
             }
         });
     }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    threads.clear();
     for (size_t value = 0; value < seen.size(); ++value) {
         ASSERT_EQ(seen[value], 1) << value;
     }

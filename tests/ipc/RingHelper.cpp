@@ -8,7 +8,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -18,16 +17,11 @@
 #include "tests/ipc/RingSupport.h"
 #include "tests/support/WaitFor.h"
 
+using OrbelTest::say;
 using OrbelTest::TestRecord;
 using Vantel::Memory::CShmBuffer;
 
 namespace {
-
-int say(const char* line, int status) {
-    std::puts(line);
-    std::fflush(stdout);
-    return status;
-}
 
 int write(const char* name, unsigned words, unsigned nodes, uint64_t writer, uint64_t count,
           bool overwrite) {
@@ -36,7 +30,7 @@ int write(const char* name, unsigned words, unsigned nodes, uint64_t writer, uin
     if (!ring.create(name, words * 8, nodes, 1)) {
         return say("create failed", 1);
     }
-    say("ready", 0);
+    say("ready");
     std::getchar();  // all start together
     for (uint64_t number = 0; number < count; ++number) {
         const size_t length = 1 + number % words;
@@ -55,7 +49,7 @@ int read(const char* name, uint64_t writers, uint64_t count, const std::string& 
     if (!ring.open(name) || (sleeping && !ring.enableEvent(true))) {
         return say("open failed", 1);
     }
-    say("ready", 0);
+    say("ready");
     std::vector<uint64_t> next(writers, 0);
     std::vector<uint64_t> buffer(8192);
     for (uint64_t left = lossy ? count : writers * count; left > 0;) {
@@ -94,13 +88,13 @@ int follow(const char* name) {
     if (!OrbelTest::waitFor([&] { return ring.open(name); })) {
         return say("open failed", 1);
     }
-    say("ready", 0);
+    say("ready");
     std::vector<uint64_t> buffer(8192);
     for (;;) {
         unsigned size = 0;
         if (ring.get(buffer.data(), static_cast<unsigned>(buffer.size() * 8), &size) > 0) {
             const bool whole = TestRecord::whole(buffer.data(), size / 8);
-            say(whole ? std::to_string(TestRecord::number(buffer.data())).c_str() : "torn", 0);
+            say(whole ? std::to_string(TestRecord::number(buffer.data())).c_str() : "torn");
         } else {
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
@@ -109,14 +103,14 @@ int follow(const char* name) {
 
 /// As a writer that has marked its record "being written" six seconds ago.
 int wedge(const char* name) {
-    OrbelTest::RawSegment raw(std::string("/shmBuf_") + name);
-    const uint64_t position = raw.ring().tail.fetchAdd(1);
-    Vantel::Memory::ShmNode& node = raw.node(position % raw.ring().nodeCount.load());
+    OrbelTest::RawRing ring(name);
+    const uint64_t position = ring.header().tail.fetchAdd(1);
+    Vantel::Memory::ShmNode& node = ring.node(position % ring.header().nodeCount.load());
     node.writerPid.store(static_cast<uint32_t>(getpid()));
     node.word.store(
         Vantel::Memory::RingWord{Vantel::Memory::RingWord::State::Writing, position}.pack());
     node.timestamp.store(Vantel::Orbel::CTime::getCurrentMicroSecond() - 6000000);
-    say("ready", 0);
+    say("ready");
     std::getchar();
     return 0;
 }

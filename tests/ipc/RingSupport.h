@@ -1,16 +1,15 @@
 #pragma once
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstring>
+#include <cstdio>
 #include <string>
 #include <vector>
 
-#include "frame/base/NamedSegment.h"
 #include "ipc/RingLayout.h"
+#include "tests/ipc/RawSegment.h"
 #include "tests/support/TestName.h"
 
 namespace OrbelTest {
@@ -42,30 +41,16 @@ private:
     std::vector<std::string> mNames;
 };
 
-/// What a test does to a segment behind its owners' backs.
-class RawSegment {
+/// The segment of a ring.
+class RawRing : public RawSegment {
 public:
-    explicit RawSegment(const std::string& path) : mSegment(path) {
-        if (mSegment.open(0666)) {
-            const off_t length = mSegment.length();
-            mSegment.map(static_cast<size_t>(length));
-        }
-    }
+    explicit RawRing(const std::string& name) : RawSegment("/shmBuf_" + name) {}
 
-    template <class Header>
-    Header& as() {
-        return *static_cast<Header*>(mSegment.address());
-    }
-    Vantel::Memory::ShmBufferHeader& ring() { return as<Vantel::Memory::ShmBufferHeader>(); }
+    Vantel::Memory::ShmBufferHeader& header() { return at<Vantel::Memory::ShmBufferHeader>(0); }
+    Vantel::Memory::ShmReaderSlot& reader(size_t slot) { return header().readers[slot]; }
     Vantel::Memory::ShmNode& node(uint64_t index) {
-        auto* nodes = static_cast<std::byte*>(mSegment.address()) + 1344;
-        return *reinterpret_cast<Vantel::Memory::ShmNode*>(nodes +
-                                                           index * (ring().nodeSize.load() + 32));
+        return at<Vantel::Memory::ShmNode>(1344 + index * (header().nodeSize.load() + 32));
     }
-    size_t size() const { return mSegment.size(); }
-
-private:
-    Vantel::Orbel::NamedSegment mSegment;
 };
 
 /// A record that shows where it comes from and whether it is whole: every 64-bit word of it is a
@@ -94,5 +79,12 @@ struct TestRecord {
     static uint64_t writer(const uint64_t* record) { return record[0] >> 48; }
     static uint64_t number(const uint64_t* record) { return record[0] & 0xFFFFFFFFFFFF; }
 };
+
+/// A line of a helper program to its test; the exit status comes back.
+inline int say(const char* line, int status = 0) {
+    std::puts(line);
+    std::fflush(stdout);
+    return status;
+}
 
 }  // namespace OrbelTest

@@ -3,7 +3,6 @@
 
 #include <poll.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <thread>
@@ -11,23 +10,18 @@
 #include "Vantel/Memory/CShmTripleBuffer.h"
 #include "tests/ipc/RingSupport.h"
 
+using OrbelTest::say;
 using OrbelTest::TestRecord;
 using Vantel::Memory::CShmTripleBuffer;
 
 namespace {
-
-int say(const char* line, int status) {
-    std::puts(line);
-    std::fflush(stdout);
-    return status;
-}
 
 int write(const char* name, size_t words) {
     CShmTripleBuffer buffer;
     if (!buffer.create(name, static_cast<unsigned>(words * 8))) {
         return say("create failed", 1);
     }
-    say("ready", 0);
+    say("ready");
     pollfd input{0, POLLIN, 0};
     for (uint64_t number = 1; number % 256 != 0 || poll(&input, 1, 0) == 0; ++number) {
         const auto sample = TestRecord::make(0, number, 1 + number % words);
