@@ -65,9 +65,9 @@ protected:
     static constexpr unsigned int kExtraSize = 64;
 
     void SetUp() override {
-        mDomain =
-            join(std::make_shared<WatchedDomain>(mDomainName),
-                 {{"small", kSmallSize, kExtraSize, kSmallCount}, {"large", kLargeSize, 64, 4}});
+        mDomain = join(
+            std::make_shared<WatchedDomain>(mDomainName),
+            {{"small", kSmallSize, kExtraSize, kSmallCount}, {"large", kLargeSize, kExtraSize, 4}});
         mWriter = writer("writer");
         ASSERT_TRUE(
             mWriter->create({}, [this](unsigned char*, unsigned int, unsigned char*, unsigned int) {

@@ -1,11 +1,9 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -22,22 +20,18 @@ using Vantel::Orbel::ProcessQueue;
 
 namespace {
 
-OrbelTest::LogCapture& captured() {
-    static OrbelTest::LogCapture lines;
-    return lines;
-}
+class NamedPipeTest : public testing::Test {
+protected:
+    ~NamedPipeTest() override { unlink(mName.c_str()); }
 
-struct PipeFile {
-    std::string name = "/tmp/" + OrbelTest::uniqueName("orbel_pipe");
-    ~PipeFile() { unlink(name.c_str()); }
+    OrbelTest::LogCapture mLog;
+    const std::string mName = "/tmp/" + OrbelTest::uniqueName("orbel_pipe");
 };
 
-TEST(NamedPipe, PassesBytesAndDropsWhatDoesNotFit) {
-    captured();  // the lines from here on
+TEST_F(NamedPipeTest, PassesBytesAndDropsWhatDoesNotFit) {
     const long descriptors = OrbelTest::openDescriptors();
     {
-        PipeFile file;
-        NamedPipe writer(file.name.c_str());
+        NamedPipe writer(mName.c_str());
         char byte = 0;
         EXPECT_EQ(writer.read(&byte, 1), -1);
         EXPECT_EQ(writer.write(&byte, 1), -1);
@@ -45,18 +39,16 @@ TEST(NamedPipe, PassesBytesAndDropsWhatDoesNotFit) {
         EXPECT_EQ(writer.setPipeSize(4096), -1);
         EXPECT_EQ(writer.getReadableSize(), -1);
         EXPECT_FALSE(writer.open(false, 4096)) << "nobody reads";
-        EXPECT_TRUE(captured().has("]open named pipe " + file.name + " failed: No such device"));
-        struct stat status {};
-        EXPECT_EQ(stat(file.name.c_str(), &status), 0) << "the FIFO is there all the same";
-        EXPECT_TRUE(S_ISFIFO(status.st_mode));
+        EXPECT_TRUE(mLog.has("]open named pipe " + mName + " failed: No such device"));
+        EXPECT_TRUE(std::filesystem::is_fifo(mName)) << "it is there all the same";
 
-        NamedPipe reader(file.name.c_str());
+        NamedPipe reader(mName.c_str());
         ASSERT_TRUE(reader.open(true, 4096));
         ASSERT_TRUE(reader.open(true, 65536)) << "open already";
         EXPECT_EQ(reader.getPipeSize(), 4096);
         ASSERT_TRUE(writer.open(false, 0xFFFFFFFF)) << "the size does not matter";
-        EXPECT_TRUE(captured().has("]set pipe size failed: "));
-        const int lines = static_cast<int>(captured().lines().size());
+        EXPECT_TRUE(mLog.has("]set pipe size failed: "));
+        const size_t lines = mLog.lines().size();
         EXPECT_EQ(reader.read(&byte, 1), -1);
         const std::string data(4000, 'x');
         EXPECT_EQ(writer.write(data.data(), 4000), 4000);
@@ -65,21 +57,20 @@ TEST(NamedPipe, PassesBytesAndDropsWhatDoesNotFit) {
         std::string out(5000, '.');
         EXPECT_EQ(reader.read(out.data(), 5000), 4000);
         EXPECT_EQ(out, data + std::string(1000, '.'));
-        EXPECT_EQ(static_cast<int>(captured().lines().size()), lines) << "silently";
+        EXPECT_EQ(mLog.lines().size(), lines) << "silently";
     }
     EXPECT_EQ(OrbelTest::openDescriptors(), descriptors);
 }
 
-TEST(NamedPipe, AWriteWithoutReaderFailsAndRaisesNoSignal) {
-    PipeFile file;
-    NamedPipe writer(file.name.c_str());
+TEST_F(NamedPipeTest, AWriteWithoutReaderFailsAndRaisesNoSignal) {
+    NamedPipe writer(mName.c_str());
     {
-        NamedPipe reader(file.name.c_str());
+        NamedPipe reader(mName.c_str());
         ASSERT_TRUE(reader.open(true, 4096));
         ASSERT_TRUE(writer.open(false, 4096));
     }
     EXPECT_EQ(writer.write("x", 1), -1);
-    EXPECT_TRUE(captured().has("]write named pipe [" + file.name + "] failed: Broken pipe"));
+    EXPECT_TRUE(mLog.has("]write named pipe [" + mName + "] failed: Broken pipe"));
     EXPECT_FALSE(NamedPipe("/nonexistent/pipe").open(true, 4096));
 }
 
@@ -92,38 +83,39 @@ TEST(NamedPipeDeathTest, HasAName) {
 class ProcessQueueTest : public testing::Test {
 protected:
     ~ProcessQueueTest() override { msgctl(msgget(static_cast<key_t>(mKey), 0), IPC_RMID, nullptr); }
+
+    OrbelTest::LogCapture mLog;
     const unsigned long mKey = 0x52490000ul + static_cast<unsigned long>(getpid());
     char mOut[1024] = {};
 };
 
 TEST_F(ProcessQueueTest, PassesMessagesByTypeWithinItsSizes) {
     ProcessQueue queue(mKey);
-    ProcessQueue& peer = queue;
     const std::string longest(1023, 'm');
-    const size_t lines = captured().lines().size();
+    const size_t lines = mLog.lines().size();
     EXPECT_FALSE(queue.send(1, longest.data(), 1024, 1));
     EXPECT_FALSE(queue.send(1, longest.data(), 0, 1));
-    EXPECT_EQ(peer.recv(1, mOut, 1024, 1), -1);
-    EXPECT_EQ(peer.recv(1, nullptr, 10, 1), -1);
-    EXPECT_EQ(captured().lines().size(), lines) << "silently";
+    EXPECT_EQ(queue.recv(1, mOut, 1024, 1), -1);
+    EXPECT_EQ(queue.recv(1, nullptr, 10, 1), -1);
+    EXPECT_EQ(mLog.lines().size(), lines) << "silently";
 
     EXPECT_TRUE(queue.send(1, longest.data(), 1023, 0));
     EXPECT_TRUE(queue.send(2, "two", 3, 1));
-    EXPECT_EQ(peer.recv(2, mOut, 3, 0), 3);
+    EXPECT_EQ(queue.recv(2, mOut, 3, 0), 3);
     EXPECT_EQ(std::string(mOut), "two");
-    EXPECT_EQ(peer.recv(1, mOut, 1022, 0), -1) << "too long for the buffer: stays";
-    EXPECT_TRUE(captured().has("]send message with no wait failed: Argument list too long"));
-    EXPECT_EQ(peer.recv(1, mOut, 1023, 0), 1023);
+    EXPECT_EQ(queue.recv(1, mOut, 1022, 0), -1) << "too long for the buffer: stays";
+    EXPECT_TRUE(mLog.has("]send message with no wait failed: Argument list too long"));
+    EXPECT_EQ(queue.recv(1, mOut, 1023, 0), 1023);
     EXPECT_EQ(std::string(mOut, 1023), longest);
     EXPECT_FALSE(queue.send(0, "x", 1, 1)) << "no type";
 }
 
 TEST_F(ProcessQueueTest, CountsItsTimeInSteps) {
     ProcessQueue queue(mKey);
-    uint64_t start = CTime::getCurrentMilliSecond();
+    const uint64_t start = CTime::getCurrentMilliSecond();
     EXPECT_EQ(queue.recv(7, mOut, 10, 25000), -1);
     EXPECT_GE(CTime::getCurrentMilliSecond() - start, 30u) << "three waits";
-    EXPECT_TRUE(captured().has("]recv message timeout"));
+    EXPECT_TRUE(mLog.has("]recv message timeout"));
 
     const std::string block(1000, 'b');
     int sent = 0;
@@ -132,10 +124,9 @@ TEST_F(ProcessQueueTest, CountsItsTimeInSteps) {
     }
     EXPECT_GT(sent, 0);
     EXPECT_LT(sent, 1000) << "never full";
-    EXPECT_TRUE(captured().has("]send message timeout"));
-    std::thread receiver([&] { EXPECT_EQ(queue.recv(1, mOut, 1023, 0), 1000); });
+    EXPECT_TRUE(mLog.has("]send message timeout"));
+    const std::jthread receiver([&] { EXPECT_EQ(queue.recv(1, mOut, 1023, 0), 1000); });
     EXPECT_TRUE(queue.send(1, block.data(), 1000, 0)) << "waits for room";
-    receiver.join();
 }
 
 TEST_F(ProcessQueueTest, OneHandleThatGoesTakesTheQueueFromAll) {
@@ -147,7 +138,7 @@ TEST_F(ProcessQueueTest, OneHandleThatGoesTakesTheQueueFromAll) {
     waiting.join();
     EXPECT_EQ(result, -1);
     EXPECT_FALSE(mine.send(1, "x", 1, 1));
-    EXPECT_TRUE(captured().has("]send message with no wait failed: Invalid argument"));
+    EXPECT_TRUE(mLog.has("]send message with no wait failed: Invalid argument"));
 }
 
 }  // namespace

@@ -156,6 +156,10 @@ TEST(BlockStatusTest, AClaimNeedsTheIncarnationAndAnOwnBit) {
         EXPECT_EQ(status.readMask(), 0b101u);
         EXPECT_EQ(status.readRef.load(), c.claimed ? 1u : 0u);
     }
+    status.dropUntold(0);
+    EXPECT_EQ(status.readerMasks().pack(), (ReaderMasks{0b100, 0b101}).pack());
+    status.dropClaim(2);
+    EXPECT_EQ(status.readerMasks().pack(), (ReaderMasks{0b100, 0b001}).pack());
 }
 
 }  // namespace
