@@ -248,7 +248,7 @@ TEST_F(RingTest, ManyProcessesSeeEachRecordOnceInOrderAndWhole) {
         int writers, readers;
         std::string role, dataSize, nodes, written, read, mode;
     } cases[] = {
-        {4, 4, "write", "8", "1024", std::to_string(kEach), std::to_string(kEach), "poll"},
+        {4, 4, "write", "8", "4096", std::to_string(kEach), std::to_string(kEach), "poll"},
         {4, 4, "write", "8", "1024", "10000", "10000", "sleep"},
         {3, 2, "overwrite", "512", "4", "1000000000", "20000", "lossy"},
     };

@@ -73,6 +73,16 @@ TEST(PoolGeometryTest, RefusesWhatItsFieldsCannotHold) {
 
 // ------------------------------------------------------------------- steps that parties race for
 
+/// Spins, as long as what it waits for is near; or else the other needs this processor.
+template <class Condition>
+void spinUntil(Condition&& condition) {
+    for (int turn = 0; !condition(); ++turn) {
+        if (turn > 2000) {
+            std::this_thread::yield();
+        }
+    }
+}
+
 /// Runs `work(thread)` on two threads `rounds` times, each time set off by a spin; the one that
 /// sets off waits a little longer each time, since the other sees it late. So the two really meet.
 /// `between` runs alone after each round.
@@ -80,10 +90,9 @@ template <class Work, class Between>
 void meet(int rounds, Work&& work, Between&& between) {
     std::atomic<int> begun{0};
     std::atomic<int> ended{0};
-    std::jthread other([&] {
+    const std::jthread other([&] {
         for (int round = 1; round <= rounds; ++round) {
-            while (begun < round) {
-            }
+            spinUntil([&] { return begun >= round; });
             work(1u);
             ended = round;
         }
@@ -94,8 +103,7 @@ void meet(int rounds, Work&& work, Between&& between) {
             std::atomic_signal_fence(std::memory_order_seq_cst);  // keeps the loop
         }
         work(0u);
-        while (ended < round) {
-        }
+        spinUntil([&] { return ended >= round; });
         between();
     }
 }

@@ -9,9 +9,9 @@ namespace {
 class WriteChannelTest : public ChannelFixture {
 protected:
     /// A reader that is alive in the table, but that nobody can reach.
-    std::shared_ptr<SharedMemReadChannel> openDeafReader() {
-        auto channel = aliveNode(*mDomain, "deaf")->newReadChannel(mChannelName);
-        unlink(nodeSocketPath(mDomainName, "deaf").c_str());
+    std::shared_ptr<SharedMemReadChannel> openDeafReader(const std::string& name) {
+        auto channel = aliveNode(*mDomain, name)->newReadChannel(mChannelName);
+        unlink(nodeSocketPath(mDomainName, name).c_str());
         EXPECT_TRUE(channel->init() && channel->open({}));
         return channel;
     }
@@ -179,7 +179,8 @@ TEST_F(WriteChannelTest, ARepeatedFinishTakesNothingFromTheHandle) {
 }
 
 TEST_F(WriteChannelTest, WhatNobodyCouldBeToldOfIsTheWritersAgain) {
-    const auto deaf = openDeafReader();
+    const auto deaf = openDeafReader("deaf");
+    const auto mute = openDeafReader("mute");
     Sample sample = mWriter->allocate(10, 0);
     BlockStatus& block = status(sample);
     const uint64_t sequence = block.stateWord().sequence;
@@ -192,6 +193,7 @@ TEST_F(WriteChannelTest, WhatNobodyCouldBeToldOfIsTheWritersAgain) {
     // One reader that hears is enough, and a later commit has no reader left over from this one.
     openReader("hearing");
     deaf->close();
+    mute->close();
     EXPECT_TRUE(mWriter->commit(sample));
     EXPECT_EQ(block.readerIds[1].load(), 0u);
     mInbox.take(1);
@@ -206,7 +208,7 @@ TEST_F(WriteChannelTest, ABlockWhoseLastReaderCannotBeToldComesBackAtOnce) {
     const auto quick = reader("quick");
     std::atomic<int> got{0};
     ASSERT_TRUE(quick->open([&](Sample&) { ++got; }));
-    openDeafReader();
+    openDeafReader("deaf");
     commit("to one of two");
     EXPECT_TRUE(allComeBack());
     EXPECT_EQ(got, 1);
