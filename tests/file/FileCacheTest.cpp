@@ -7,6 +7,7 @@
 #include "Vantel/Orbel/CTime.h"
 #include "Vantel/Orbel/File.h"
 #include "file/FileCacheImpl.h"
+#include "tests/file/Hardship.h"
 #include "tests/file/TempDirectory.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/WaitFor.h"
@@ -114,6 +115,7 @@ TEST_F(FileCacheTest, FilesComeFromOutsideAndGoToTheirPlace) {
     std::string name;
     EXPECT_EQ(mCache.setFileCache("", 0), -1);
     EXPECT_EQ(mCache.setFileCache(mDirectory / "missing", 0), -1);
+    EXPECT_EQ(mCache.setFileCache(mDirectory.path(), 0), -1) << "moved into itself";
     const long taken = mCache.setFileCache(from, 0);
     EXPECT_FALSE(inside("from"));
     ASSERT_TRUE(mCache.getCache(taken, name));
@@ -122,7 +124,7 @@ TEST_F(FileCacheTest, FilesComeFromOutsideAndGoToTheirPlace) {
     const auto written = mCache.createCache("written", 0);
     ASSERT_TRUE(put(written, "content"));
     EXPECT_FALSE(mCache.moveCacheToPath(taken + 1, mDirectory / "missing", result));
-    EXPECT_EQ(mLog.count("rename file failed,src:"), 1);
+    EXPECT_EQ(mLog.count("rename file failed,src:"), 2);
     EXPECT_TRUE(put(written, " and more")) << "it is as it was";
     EXPECT_TRUE(mCache.moveCacheToPath(taken + 1, place, result));
     EXPECT_EQ(result, place + "/written");
@@ -143,6 +145,12 @@ TEST_F(FileCacheTest, FilesComeFromOutsideAndGoToTheirPlace) {
     EXPECT_TRUE(mCache.removeCache(kept, false));
     EXPECT_TRUE(put(kept, "still open") && kept->close());
     EXPECT_EQ(contentOf(kept->name()), "still open");
+
+    const auto brief = mCache.createCache("brief", 0);
+    const OrbelTest::FullDisk full(3);
+    EXPECT_TRUE(put(brief, "fits into the buffer only"));
+    EXPECT_FALSE(mCache.moveCacheToPath(taken + 3, place, result));
+    EXPECT_FALSE(inside("place/brief")) << "it came up short";
 }
 
 TEST_F(FileCacheTest, FilesAreRemovedUnderTheHandsOfTheirWriters) {
