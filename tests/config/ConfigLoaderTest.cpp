@@ -98,7 +98,7 @@ TEST_F(ConfigLoaderTest, ADocumentComesBackAsItWasSaved) {
 TEST_F(ConfigLoaderTest, SavingSaysWhyItFailed) {
     const auto errorOf = [](const char* path) {
         getLastErrno();
-        EXPECT_FALSE(loader().saveConfig(path, json(R"({"text":"longer than the disk"})")));
+        EXPECT_FALSE(loader().saveConfig(path, std::string(100000, 'x')));
         return getLastErrno();
     };
     EXPECT_EQ(errorOf(nullptr), 0x10060002);
