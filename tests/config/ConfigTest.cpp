@@ -126,6 +126,7 @@ TEST_F(ConfigTest, DamagedFilesGiveTheDefaultsAndStayUntilTheNextSync) {
 
 TEST_F(ConfigTest, ReadsAndWritesByPath) {
     const auto document = started("robot");
+    EXPECT_TRUE(document->initial()) << "and nothing happens";
     EXPECT_EQ(contentOf(fileOf("robot")), "<cannot open>") << "the defaults wait for the sync";
     ASSERT_TRUE(document->syncConfig());
     EXPECT_EQ(json(contentOf(fileOf("robot"))), json(kDefaults));
@@ -301,9 +302,7 @@ TEST_F(ConfigTest, ImportAndExport) {
     EXPECT_EQ(b->imported, "u b");
     EXPECT_EQ(mLog.count("]import config set "), 1);
     EXPECT_EQ(mLog.count("]import config set b config failed\n"), 1);
-    for (const Json::Value& list : {Json::Value(), Json::Value(5), json("{\"key\":1}")}) {
-        EXPECT_TRUE(manager().importConfig("u", list));
-    }
+    EXPECT_TRUE(manager().importConfig("u", 5));
 }
 
 TEST_F(ConfigTest, SettingsOfTheManager) {
