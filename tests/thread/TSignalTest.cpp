@@ -62,6 +62,7 @@ TEST_P(TSignalTest, AttachCountsAndRefusesEqualOnes) {
     EXPECT_EQ(emit(), "abcd");
     EXPECT_EQ(mSignal.attach({}), 5);
     EXPECT_EQ(mSignal.attach({}), -1) << "empty ones are equal";
+    EXPECT_EQ(emit(), "abcd") << "and nobody calls them";
 }
 
 TEST_P(TSignalTest, DetachDuringTheEmission) {

@@ -65,13 +65,15 @@ public:
         return true;
     }
 
-    /// The emission: calls every slot with `args`.
+    /// The emission: calls every slot with `args`. An empty delegate is passed over.
     void operator()(Args... args) {
         const Lock guard(*this);
         auto slot = mSlots.begin();
         while (slot != mSlots.end()) {
             mCursor = std::next(slot);  // before the call, which may move it again
-            (*slot)(args...);
+            if (!slot->empty()) {
+                (*slot)(args...);
+            }
             slot = mCursor;
         }
     }
