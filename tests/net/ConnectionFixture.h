@@ -1,17 +1,17 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Vantel/Orbel/NetBuffer.h"
 #include "Vantel/Orbel/StreamConnection.h"
 #include "Vantel/Orbel/StreamTransport.h"
-#include "Vantel/Orbel/UnixStreamSocket.h"
 #include "tests/net/LoopSupport.h"
+#include "tests/net/SocketPair.h"
 
 namespace OrbelTest {
 
@@ -33,11 +33,10 @@ protected:
 
     /// A socket pair; `far` is the other end of the one returned.
     std::unique_ptr<StreamSocket> makeNear() {
-        int fds[2] = {-1, -1};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds), 0);
-        far = UnixStreamSocket(fds[1]);
+        SocketPair pair;
+        far = std::move(pair.far);
         mFarBytes.clear();
-        return std::make_unique<UnixStreamSocket>(fds[0]);
+        return pair.takeNear();
     }
 
     /// Sets callbacks that note what happens, and sees to an orderly end.

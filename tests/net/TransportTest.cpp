@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <cerrno>
 #include <deque>
@@ -9,25 +8,15 @@
 #include "Vantel/Orbel/SslContext.h"
 #include "Vantel/Orbel/SslEngine.h"
 #include "Vantel/Orbel/SslStreamTransport.h"
-#include "Vantel/Orbel/UnixStreamSocket.h"
+#include "tests/net/SocketPair.h"
 #include "tests/support/OpenDescriptors.h"
 
+using namespace OrbelTest;
 using namespace Vantel::Orbel;
 
 namespace {
 
 using Status = TransportStatus;
-
-struct Pair {
-    Pair() {
-        int fds[2] = {-1, -1};
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, fds), 0);
-        near = std::make_unique<UnixStreamSocket>(fds[0]);
-        far = UnixStreamSocket(fds[1]);
-    }
-    std::unique_ptr<UnixStreamSocket> near;
-    UnixStreamSocket far{-1};
-};
 
 void expectResult(const TransportResult& result, Status status, int64_t bytes, int error) {
     EXPECT_EQ(static_cast<int>(result.status), static_cast<int>(status));
@@ -64,8 +53,8 @@ public:
 };
 
 TEST(TransportTest, PlainSocketOutcomes) {
-    Pair pair;
-    PlainStreamTransport transport(std::move(pair.near));
+    SocketPair pair;
+    PlainStreamTransport transport(pair.takeNear());
     char buffer[16];
     expectResult(transport.read(buffer, sizeof buffer, 0), Status::kWantRead, -1, EAGAIN);
     expectResult(transport.read(nullptr, 0, 0), Status::kOk, 0, 0);
@@ -98,11 +87,11 @@ TEST(TransportTest, PlainSocketOutcomes) {
 
 TEST(TransportTest, TheEngineIsAskedOnlyOnceItsHandshakeIsDone) {
     std::string calls;
-    Pair pair;
-    const int fd = pair.near->fd();
+    SocketPair pair;
+    const int fd = pair.near.fd();
     auto owned = std::make_unique<FakeEngine>(calls);
     FakeEngine& engine = *owned;
-    SslStreamTransport transport(std::move(pair.near), std::move(owned));
+    SslStreamTransport transport(pair.takeNear(), std::move(owned));
     EXPECT_TRUE(transport.needsHandshake());
     EXPECT_FALSE(transport.supportsRawRead() || transport.supportsRawWrite());
     EXPECT_EQ(transport.fd(), fd);
@@ -159,29 +148,29 @@ TEST(TransportTest, TheEngineIsAskedOnlyOnceItsHandshakeIsDone) {
 }
 
 TEST(TransportTest, AContextMakesTransportsOrClosesTheSocket) {
-    const long before = OrbelTest::openDescriptors();
+    const long before = openDescriptors();
     {
         std::string calls;
-        Pair pair;
+        SocketPair pair;
         FakeContext context;
         EXPECT_FALSE(context.createTransport(nullptr));
         EXPECT_EQ(errno, EINVAL);
         errno = 0;
         EXPECT_FALSE(context.createTransport(std::make_unique<StreamSocket>(-1)));
         EXPECT_EQ(errno, EINVAL);
-        EXPECT_FALSE(context.createTransport(std::move(pair.near))) << "no engine";
-        EXPECT_EQ(OrbelTest::openDescriptors(), before + 1);
+        EXPECT_FALSE(context.createTransport(pair.takeNear())) << "no engine";
+        EXPECT_EQ(openDescriptors(), before + 1);
 
-        Pair other;
+        SocketPair other;
         context.engine = std::make_unique<FakeEngine>(calls);
-        StreamSocket* const socket = other.near.get();
-        auto transport = context.createTransport(std::move(other.near));
+        const int fd = other.near.fd();
+        auto transport = context.createTransport(other.takeNear());
         ASSERT_TRUE(transport);
-        EXPECT_EQ(transport->socket(), socket);
+        EXPECT_EQ(transport->fd(), fd);
         transport.reset();
         EXPECT_EQ(calls, "~");
     }
-    EXPECT_EQ(OrbelTest::openDescriptors(), before);
+    EXPECT_EQ(openDescriptors(), before);
 }
 
 }  // namespace
