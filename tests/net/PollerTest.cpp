@@ -8,7 +8,6 @@
 #include <optional>
 #include <string>
 
-#include "Vantel/Orbel/EpollPoller.h"
 #include "Vantel/Orbel/SelectPoller.h"
 #include "tests/net/LoopSupport.h"
 
@@ -51,17 +50,6 @@ TEST(EpollPollerTest, AChannelRemovedByAnotherInTheSameIterationGetsNoEvent) {
     }
     loop.loop();
     EXPECT_EQ(events, 1);
-}
-
-TEST(EpollPollerTest, HasChannelMeansThisVeryChannel) {
-    EventLoop loop;
-    EpollPoller poller(&loop);
-    EventSource source(loop);
-    Channel twin(&loop, source.fd.get());
-    EXPECT_FALSE(poller.hasChannel(&source.channel));
-    ASSERT_TRUE(poller.updateChannel(&source.channel));
-    EXPECT_TRUE(poller.hasChannel(&source.channel));
-    EXPECT_FALSE(poller.hasChannel(&twin));
 }
 
 class SelectPollerTest : public testing::Test {

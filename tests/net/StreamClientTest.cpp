@@ -258,13 +258,4 @@ TEST(StreamClientLoopTest, CallsBesideALoopThatDoesNotRun) {
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST(StreamClientLoopTest, TcpClientResolvesItsHost) {
-    PeerListener listener(freshAddress(Family::Tcp));
-    LoopThread loop;
-    TcpClient client(loop.get(), "chat");
-    EXPECT_FALSE(client.connect("", listener.addr().toPort(), 100, false));
-    EXPECT_TRUE(client.connect("127.0.0.1", listener.addr().toPort(), 1000, false));
-    EXPECT_TRUE(waitFor([&] { return client.connection() != nullptr; }));
-}
-
 }  // namespace

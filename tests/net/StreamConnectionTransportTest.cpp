@@ -1,9 +1,12 @@
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 
 #include "Vantel/Orbel/StreamSocket.h"
@@ -15,77 +18,90 @@ using namespace Vantel::Orbel;
 namespace {
 
 using Status = TransportStatus;
-using Answers = std::deque<TransportResult>;
 
-/// A transport that answers what the test queued. Without an answer left, reads want to read on,
-/// writes and shutdowns want to write on. Its socket is real, so that events come.
+/// A transport that answers what the test wrote down for each operation: h for a handshake, r for a
+/// read, w for a write, s for a shutdown. Without an answer left, handshakes and reads want to read
+/// on, writes and shutdowns to write on. Its socket is real, so that events come.
 class ScriptedTransport : public StreamTransport {
 public:
     explicit ScriptedTransport(std::unique_ptr<StreamSocket> socket) : mSocket(std::move(socket)) {}
+
+    /// "hW r5 w*": the operation, then its answer: a number of bytes, or * for all; R or W for the
+    /// direction it wants, with the bytes done so far; C for the end; E with the number of an
+    /// error.
+    void expect(const std::string& script) {
+        std::istringstream words(script);
+        for (std::string word; words >> word;) {
+            answers[word[0]].push_back(parse(word.substr(1)));
+        }
+    }
 
     int fd() const override { return mSocket->fd(); }
     StreamSocket* socket() override { return mSocket.get(); }
     const StreamSocket* socket() const override { return mSocket.get(); }
     int socketError() override { return 0; }
-    bool needsHandshake() const override { return !handshakes.empty(); }
+    bool needsHandshake() const override { return answers.count('h') != 0; }
     bool supportsRawRead() const override { return false; }
     bool supportsRawWrite() const override { return false; }
 
-    TransportResult handshake() override { return take(handshakes, Status::kWantRead); }
+    TransportResult handshake() override { return answer('h', 0, Status::kWantRead); }
     TransportResult read(void* buffer, size_t length, int) override {
-        note('r');
         char junk[4096];
         while (mSocket->recv(junk, sizeof junk, 0) > 0) {  // the event is used up in any case
         }
-        const TransportResult result =
-            readAll ? TransportResult{Status::kOk, static_cast<int64_t>(length), 0}
-                    : take(readAnswers, Status::kWantRead);
+        const TransportResult result = answer('r', length, Status::kWantRead);
         std::memset(buffer, 'a', static_cast<size_t>(std::max<int64_t>(result.bytes, 0)));
         return result;
     }
     TransportResult write(const void* buffer, size_t length, int) override {
-        note('w');
-        TransportResult result = take(writeAnswers, Status::kWantWrite);
-        if (result.bytes == kAll) {
-            result.bytes = static_cast<int64_t>(length);
-        }
+        const TransportResult result = answer('w', length, Status::kWantWrite);
         const auto taken = static_cast<size_t>(std::max<int64_t>(result.bytes, 0));
         written.append(static_cast<const char*>(buffer), std::min(taken, length));
         return result;
     }
-    TransportResult shutdownWrite() override {
-        note('s');
-        return take(shutdowns, Status::kWantWrite);
-    }
+    TransportResult shutdownWrite() override { return answer('s', 0, Status::kWantWrite); }
 
-    static constexpr int64_t kAll = 1 << 30;
-
-    Answers handshakes, readAnswers, writeAnswers, shutdowns;
+    std::map<char, std::deque<TransportResult>> answers;
     std::string calls, written;
     std::function<void()> onCall;
-    bool readAll = false;
 
 private:
-    void note(char call) {
-        calls += call;
+    static constexpr int64_t kAll = 1 << 30;
+
+    static TransportResult parse(const std::string& text) {
+        const int number = std::atoi(text.c_str() + 1);
+        switch (text[0]) {
+            case '*':
+                return {Status::kOk, kAll, 0};
+            case 'R':
+                return {Status::kWantRead, number, 0};
+            case 'W':
+                return {Status::kWantWrite, number, 0};
+            case 'C':
+                return {Status::kClosed, -1, 0};
+            case 'E':
+                return {Status::kError, -1, number};
+            default:
+                return {Status::kOk, std::atoi(text.c_str()), 0};
+        }
+    }
+    TransportResult answer(char operation, size_t length, Status otherwise) {
+        calls += operation;
         if (onCall) {
             onCall();
         }
-    }
-    static TransportResult take(Answers& answers, Status otherwise) {
-        if (answers.empty()) {
+        std::deque<TransportResult>& left = answers[operation];
+        if (left.empty()) {
             return {otherwise, -1, EAGAIN};
         }
-        const TransportResult result = answers.front();
-        answers.pop_front();
+        TransportResult result = left.front();
+        left.pop_front();
+        result.bytes = result.bytes == kAll ? static_cast<int64_t>(length) : result.bytes;
         return result;
     }
 
     std::unique_ptr<StreamSocket> mSocket;
 };
-
-constexpr TransportResult kAllWritten{Status::kOk, ScriptedTransport::kAll, 0};
-constexpr TransportResult kInterrupted{Status::kError, -1, EINTR};
 
 class StreamConnectionTransportTest : public ConnectionFixture {
 protected:
@@ -97,8 +113,6 @@ protected:
         transport = owned.get();
         connection = keep(std::make_shared<StreamConnection>(&loop, "test", std::move(owned)));
     }
-    /// One readable event.
-    void poke() { sendFar("!"); }
     /// How many calls of the transport the next event makes.
     size_t callsInNextEvent() {
         size_t made = 0;
@@ -112,30 +126,106 @@ protected:
         transport->onCall = {};
         return made;
     }
+    void send() {
+        if (connection->send("abcdef", 6) != 6) {
+            events += "send:" + std::to_string(errno) + " ";
+        }
+    }
+    /// The state, the channel's interest, and the bytes queued.
+    std::string state() const {
+        const char* const names[] = {"disconnected", "connecting", "handshaking", "connected",
+                                     "disconnecting"};
+        return names[connection->state()] + std::string(" ") + (connection->reading() ? "r" : "") +
+               (connection->writing() ? "w" : "") + std::to_string(connection->outputBufferSize());
+    }
 
     ScriptedTransport* transport;
     StreamConnectionPtr connection;
 };
 
-TEST_F(StreamConnectionTransportTest, Handshake) {
-    transport->handshakes = {
-        kInterrupted, {Status::kWantWrite, -1, 0}, {Status::kWantRead, -1, 0}, {Status::kOk, 0, 0}};
-    connection->connectEstablished();
-    EXPECT_EQ(connection->state(), StreamConnection::kHandshaking);
-    EXPECT_TRUE(connection->writing());
-    EXPECT_EQ(connection->send("x", 1), -1);
-    EXPECT_EQ(errno, ENOTCONN);
-    ASSERT_TRUE(runUntil([&] { return !connection->writing(); }));
-    EXPECT_EQ(events, "");
-    poke();
-    ASSERT_TRUE(runUntil([&] { return connection->connected(); }));
-    ASSERT_TRUE(runUntil([&] { return transport->calls == "r"; })) << "what is left to read";
-    EXPECT_EQ(events, "connected ");
+/// What the connection makes of each outcome. The actions are e to establish, s to send six bytes,
+/// d to shut down, ! for a readable event, and . to run the loop until the calls have come.
+TEST_F(StreamConnectionTransportTest, OutcomesOfHandshakeReadWriteAndShutdown) {
+    const struct {
+        const char *why, *answers, *actions, *calls, *events, *state;
+    } stories[] = {
+        {"handshake interrupted, then wants to write", "hE4 hW", "e", "hh", "", "handshaking rw0"},
+        {"handshake that then wants to read", "hW hR", "e.", "hh", "", "handshaking r0"},
+        {"handshake with data behind it", "hR h0 r5", "e!.", "hhr", "connected message:5 ",
+         "connected r0"},
+        {"handshake, no time to send", "hR", "es", "h", "send:107 ", "handshaking r0"},
+        {"handshake failed", "hE0", "e", "h", "error:5 close ", "disconnecting 0"},
+        {"handshake refused", "hC", "e", "h", "close ", "disconnecting 0"},
+        {"handshake has no orderly end", "hR", "ed", "h", "close ", "disconnecting 0"},
+
+        {"a short read ends the event", "r5", "e!.", "r", "connected message:5 ", "connected r0"},
+        {"read interrupted", "rE4 r5", "e!.", "rr", "connected message:5 ", "connected r0"},
+        {"read nothing", "r0", "e!.", "r", "connected ", "connected r0"},
+        {"read wants to write first", "rW r3", "e!.", "rr", "connected message:3 ", "connected r0"},
+        {"data, then the end", "r131072 rC", "e!.", "rr", "connected message:131072 close ",
+         "disconnecting 0"},
+        {"data, then a failure", "r131072 rE104", "e!.", "rr",
+         "connected message:131072 error:104 close ", "disconnecting 0"},
+
+        {"sent whole", "w*", "es", "w", "connected ", "connected r0"},
+        {"sent in part", "w2", "es", "w", "connected ", "connected rw4"},
+        {"send blocked", "wW", "es", "w", "connected ", "connected rw6"},
+        {"send interrupted", "wE4", "es", "w", "connected ", "connected rw6"},
+        {"sent more than there is", "w1000", "es", "w", "connected ", "connected r0"},
+        {"send to nobody", "wC", "es", "w", "connected close send:32 ", "disconnecting 0"},
+        {"send failed", "wE100", "es", "w", "connected error:100 close send:100 ",
+         "disconnecting 0"},
+        {"send failed without a reason", "wE0", "es", "w", "connected error:5 close send:5 ",
+         "disconnecting 0"},
+        {"write wants to read, and writable is no help", "wR2", "es.", "w", "connected ",
+         "connected r4"},
+        {"a further send tries first what waits", "wR2 wR", "ess", "ww", "connected ",
+         "connected r10"},
+        {"write goes on once readable", "wR2 w*", "es!.", "wwr", "connected ", "connected r0"},
+
+        {"shut down", "s0", "ed", "s", "connected ", "disconnecting r0"},
+        {"shutdown of a stream that has ended", "sC", "ed", "s", "connected close ",
+         "disconnecting 0"},
+        {"shutdown failed", "sE0", "ed", "s", "connected error:5 close ", "disconnecting 0"},
+        {"shutdown interrupted, then wants to read", "sE4 sR", "ed.", "ss", "connected ",
+         "disconnecting r0"},
+        {"shutdown in both directions; what comes behind is dropped", "sR sW s0 r100", "ed!.",
+         "sssr", "connected ", "disconnecting r0"},
+        {"shutdown after the rest, with a read that wants to write", "wR w* s0 rW rC", "esd!.",
+         "wwsrr", "connected close ", "disconnecting 0"},
+    };
+    for (const auto& story : stories) {
+        SCOPED_TRACE(story.why);
+        begin();
+        transport->expect(story.answers);
+        for (const char* action = story.actions; *action != '\0'; ++action) {
+            switch (*action) {
+                case 'e':
+                    connection->connectEstablished();
+                    break;
+                case 's':
+                    send();
+                    break;
+                case 'd':
+                    connection->shutdown();
+                    break;
+                case '!':
+                    sendFar("!");
+                    break;
+                default:
+                    runUntil([&] { return transport->calls.size() >= strlen(story.calls); });
+                    runUntil([] { return false; }, 3);  // and no more than those
+            }
+        }
+        EXPECT_EQ(transport->calls, story.calls);
+        EXPECT_EQ(events, story.events);
+        EXPECT_EQ(state(), story.state);
+        EXPECT_EQ(transport->written, std::string("abcdef").substr(0, transport->written.size()));
+    }
 }
 
 TEST_F(StreamConnectionTransportTest, AnEventReadsAtMost4MiBIn32Reads) {
     connection->connectEstablished();
-    transport->readAll = true;
     const struct {
         const char *why, *events;
         size_t maxInput;
@@ -147,161 +237,28 @@ TEST_F(StreamConnectionTransportTest, AnEventReadsAtMost4MiBIn32Reads) {
         SCOPED_TRACE(c.why);
         events.clear();
         connection->setMaxInputBufferSize(c.maxInput);
-        poke();
+        for (int i = 0; i < 40; ++i) {
+            transport->expect("r*");
+        }
+        sendFar("!");
         EXPECT_EQ(callsInNextEvent(), 32u);
         EXPECT_EQ(events.find(c.events), 0u) << events;
+        transport->answers.clear();
     }
-}
-
-TEST_F(StreamConnectionTransportTest, ReadOutcomes) {
-    const struct {
-        const char* why;
-        Answers answers;
-        const char *calls, *events;
-    } cases[] = {
-        {"a short read ends the event", {{Status::kOk, 5, 0}}, "r", "message:5 "},
-        {"interrupted", {kInterrupted, {Status::kOk, 5, 0}}, "rr", "message:5 "},
-        {"nothing", {{Status::kOk, 0, 0}}, "r", ""},
-        {"wants to write first",
-         {{Status::kWantWrite, -1, 0}, {Status::kOk, 3, 0}},
-         "rr",
-         "message:3 "},
-        {"data, then the end",
-         {{Status::kOk, 0x20000, 0}, {Status::kClosed, -1, 0}},
-         "rr",
-         "message:131072 close "},
-        {"data, then a failure",
-         {{Status::kOk, 0x20000, 0}, {Status::kError, -1, ECONNRESET}},
-         "rr",
-         "message:131072 error:104 close "},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
-        begin();
-        transport->readAnswers = c.answers;
-        connection->connectEstablished();
-        poke();
-        ASSERT_TRUE(runUntil([&] { return transport->calls == c.calls; }));
-        EXPECT_EQ(events, std::string("connected ") + c.events);
-        ASSERT_TRUE(runUntil([&] { return !connection->writing(); }));
-    }
-}
-
-TEST_F(StreamConnectionTransportTest, SendOutcomes) {
-    const struct {
-        const char* why;
-        Answers answers;
-        ssize_t result;
-        int error;
-        size_t queued;
-        const char* events;
-    } cases[] = {
-        {"all", {kAllWritten}, 6, 0, 0, ""},
-        {"short", {{Status::kOk, 2, 0}}, 6, 0, 4, ""},
-        {"blocked", {{Status::kWantWrite, -1, 0}}, 6, 0, 6, ""},
-        {"interrupted", {kInterrupted}, 6, 0, 6, ""},
-        {"more than there is", {{Status::kOk, 1000, 0}}, 6, 0, 0, ""},
-        {"the peer is gone", {{Status::kClosed, -1, 0}}, -1, EPIPE, 0, "close "},
-        {"failed", {{Status::kError, -1, ENETDOWN}}, -1, ENETDOWN, 0, "error:100 close "},
-        {"failed without a reason", {{Status::kError, -1, 0}}, -1, EIO, 0, "error:5 close "},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
-        begin();
-        connection->connectEstablished();
-        transport->writeAnswers = c.answers;
-        errno = 0;
-        EXPECT_EQ(connection->send("abcdef", 6), c.result);
-        EXPECT_EQ(c.result < 0 ? errno : 0, c.error);
-        EXPECT_EQ(connection->outputBufferSize(), c.queued);
-        EXPECT_EQ(connection->writing(), c.queued > 0);
-        EXPECT_EQ(events, std::string("connected ") + c.events);
-    }
-}
-
-TEST_F(StreamConnectionTransportTest, AWriteThatWantsToReadIsTriedAgainWhenReadable) {
-    connection->connectEstablished();
-    transport->writeAnswers = {{Status::kWantRead, 2, 0}};
-    EXPECT_EQ(connection->send("abcdef", 6), 6);
-    EXPECT_FALSE(connection->writing());
-    EXPECT_EQ(connection->outputBufferSize(), 4u);
-    EXPECT_FALSE(runUntil([&] { return transport->calls.size() > 1; }, 10))
-        << "being writable is no help";
-    // A further send tries first what waits, and queues behind it.
-    transport->writeAnswers = {{Status::kWantRead, -1, 0}};
-    EXPECT_EQ(connection->send("gh", 2), 2);
-    EXPECT_EQ(connection->outputBufferSize(), 6u);
-    transport->writeAnswers = {kAllWritten};
-    poke();
-    ASSERT_TRUE(runUntil([&] { return connection->outputBufferSize() == 0; }));
-    EXPECT_EQ(transport->written, "abcdefgh");
-    EXPECT_EQ(transport->calls, "wwwr");
-    EXPECT_EQ(events, "connected ");
 }
 
 TEST_F(StreamConnectionTransportTest, AnEventWritesAtMost4MiBIn16Writes) {
     connection->connectEstablished();
     const std::string message = pattern(6 << 20);
     ASSERT_EQ(connection->send(message), static_cast<ssize_t>(message.size()));
-    transport->writeAnswers = {{Status::kOk, 4 << 20, 0}};
+    transport->expect("w4194304");
     EXPECT_EQ(callsInNextEvent(), 1u) << "the bytes are spent";
-    transport->writeAnswers = Answers(40, {Status::kError, 10, EINTR});
+    transport->answers['w'].assign(40, {Status::kError, 10, EINTR});
     EXPECT_EQ(callsInNextEvent(), 16u);
-    transport->writeAnswers = Answers(100, kAllWritten);
+    transport->answers['w'].clear();
+    transport->expect("w*");
     ASSERT_TRUE(runUntil([&] { return connection->outputBufferSize() == 0; }));
     EXPECT_TRUE(transport->written == message);
-}
-
-TEST_F(StreamConnectionTransportTest, ShutdownNeedsBothDirections) {
-    connection->connectEstablished();
-    transport->shutdowns = {
-        kInterrupted, {Status::kWantRead, -1, 0}, {Status::kWantWrite, -1, 0}, {Status::kOk, 0, 0}};
-    connection->shutdown();
-    EXPECT_EQ(transport->calls, "ss");
-    EXPECT_FALSE(connection->writing());
-    poke();
-    ASSERT_TRUE(runUntil([&] { return transport->shutdowns.empty(); }));
-    transport->readAnswers = {{Status::kOk, 100, 0}, {Status::kClosed, -1, 0}};
-    ASSERT_TRUE(runUntil([&] { return closes == 1 || (poke(), false); }));
-    EXPECT_EQ(events, "connected close ") << "what came after the shutdown is dropped";
-}
-
-TEST_F(StreamConnectionTransportTest, WhileShuttingDownAReadMayWantToWrite) {
-    connection->connectEstablished();
-    transport->writeAnswers = {{Status::kWantRead, -1, 0}};
-    ASSERT_EQ(connection->send("abc", 3), 3);
-    connection->shutdown();
-    transport->writeAnswers = {kAllWritten};
-    transport->shutdowns = {{Status::kOk, 0, 0}};
-    transport->readAnswers = {{Status::kWantWrite, -1, 0}, {Status::kClosed, -1, 0}};
-    poke();
-    ASSERT_TRUE(runUntilClosed());
-    EXPECT_EQ(transport->calls, "wwsrr");
-    EXPECT_EQ(transport->written, "abc");
-}
-
-TEST_F(StreamConnectionTransportTest, HandshakesAndShutdownsThatEndTheConnection) {
-    const struct {
-        const char* why;
-        Answers handshakes, shutdowns;
-        const char *calls, *events;
-    } cases[] = {
-        {"failed handshake", {{Status::kError, -1, 0}}, {}, "", "error:5 close "},
-        {"none is ended in order", {{Status::kWantRead, -1, 0}}, {}, "", "close "},
-        {"closed", {}, {{Status::kClosed, -1, 0}}, "s", "connected close "},
-        {"failed", {}, {{Status::kError, -1, 0}}, "s", "connected error:5 close "},
-        {"done", {}, {{Status::kOk, 0, 0}}, "s", "connected "},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.why);
-        begin();
-        transport->handshakes = c.handshakes;
-        transport->shutdowns = c.shutdowns;
-        connection->connectEstablished();
-        connection->shutdown();
-        EXPECT_EQ(events, c.events);
-        EXPECT_EQ(transport->calls, c.calls);
-    }
 }
 
 TEST_F(StreamConnectionTransportTest, NoReadingOrWritingPastAnEngine) {

@@ -56,17 +56,6 @@ protected:
     std::vector<std::unique_ptr<StreamSocket>> sockets;
 };
 
-TEST_P(StreamConnectorTest, HandsOverAConnectedSocketAndIsIdleAgain) {
-    PeerListener listener(freshAddress(GetParam()));
-    for (size_t i = 1; i <= 2; ++i) {
-        EXPECT_TRUE(connector->start(listener.addr(), 1000));
-        ASSERT_TRUE(connected(i));
-        EXPECT_EQ(sockets.back()->send("hi", 2, 0), 2);
-        EXPECT_EQ(listener.accept().receive(2), "hi");
-    }
-    EXPECT_EQ(connector->serverAddr().toString(), listener.addr().toString());
-}
-
 TEST_P(StreamConnectorTest, WithoutRetryARefusalEndsTheMatter) {
     EXPECT_FALSE(connector->restart(100)) << "no address yet";
     const InetAddress addr = deadAddress(GetParam());

@@ -52,31 +52,19 @@ public:
     std::unique_ptr<SslEngine> engine;
 };
 
+/// What connections over real sockets do not meet; those test the rest.
 TEST(TransportTest, PlainSocketOutcomes) {
     SocketPair pair;
     PlainStreamTransport transport(pair.takeNear());
-    char buffer[16];
-    expectResult(transport.read(buffer, sizeof buffer, 0), Status::kWantRead, -1, EAGAIN);
+    char buffer[16] = {};
     expectResult(transport.read(nullptr, 0, 0), Status::kOk, 0, 0);
-    ASSERT_EQ(pair.far.send("hello", 5, 0), 5);
-    expectResult(transport.read(buffer, 3, 0), Status::kOk, 3, 0);
+    expectResult(transport.read(buffer, 1, 0), Status::kWantRead, -1, EAGAIN);
     const iovec vectors[] = {{buffer, 2}, {nullptr, 0}, {buffer, 1}};
     expectResult(transport.writev(vectors, 3, 0), Status::kOk, 3, 0);
     expectResult(transport.writev(nullptr, 0, 0), Status::kOk, 0, 0);
     expectResult(transport.writev(vectors, -1, 0), Status::kError, -1, EINVAL);
-    std::string much(100000, 'x');
-    TransportResult result;
-    do {
-        result = transport.write(much.data(), much.size(), 0);
-    } while (result.status == Status::kOk);
-    expectResult(result, Status::kWantWrite, -1, EAGAIN);
     expectResult(transport.shutdownWrite(), Status::kOk, 0, 0);
     expectResult(transport.write("x", 1, 0), Status::kError, -1, EPIPE);
-    while (pair.far.recv(much.data(), much.size(), 0) > 0) {
-    }
-    pair.far.close();
-    expectResult(transport.read(buffer, sizeof buffer, 0), Status::kOk, 2, 0);
-    expectResult(transport.read(buffer, sizeof buffer, 0), Status::kClosed, -1, 0);
 
     PlainStreamTransport none(nullptr);
     EXPECT_EQ(none.fd(), -1);
