@@ -97,6 +97,9 @@ TEST_F(SelectPollerTest, TakesDescriptor1023AndRefuses1024) {
     EXPECT_FALSE(poller.updateChannel(&beyondChannel));
     EXPECT_FALSE(poller.updateChannel(&negative));
     EXPECT_EQ(beyondChannel.state(), -1);
+    EXPECT_TRUE(poller.hasChannel(&lastChannel));
+    Channel twin(&loop, last.get());
+    EXPECT_FALSE(poller.hasChannel(&twin) || poller.hasChannel(&negative));
     poller.poll(0, &active);
     EXPECT_TRUE(active.empty());
     EXPECT_TRUE(poller.removeChannel(&lastChannel));
