@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -68,7 +69,7 @@ TEST_F(ChannelTest, DispatchOrderAndTheHangUpRule) {
 
 TEST_F(ChannelTest, MaskAndRegistrationGoTogether) {
     const struct {
-        bool (Channel::*change)();
+        std::function<bool(Channel&)> change;
         int state;
         const char* events;
     } steps[] = {
@@ -83,12 +84,12 @@ TEST_F(ChannelTest, MaskAndRegistrationGoTogether) {
         {&Channel::disableAll, 2, ""},
         {&Channel::remove, -1, ""},
     };
-    for (size_t i = 0; i < std::size(steps); ++i) {
-        SCOPED_TRACE(i);
-        EXPECT_TRUE((channel.*steps[i].change)());
-        EXPECT_EQ(channel.state(), steps[i].state);
-        EXPECT_EQ(channel.eventsToString(), steps[i].events);
-        EXPECT_EQ(channel.isAddedToLoop(), steps[i].state != -1);
+    for (const auto& step : steps) {
+        SCOPED_TRACE(&step - steps);
+        EXPECT_TRUE(step.change(channel));
+        EXPECT_EQ(channel.state(), step.state);
+        EXPECT_EQ(channel.eventsToString(), step.events);
+        EXPECT_EQ(channel.isAddedToLoop(), step.state != -1);
     }
 }
 
