@@ -43,7 +43,6 @@ public:
         return mAllocators->ready();
     }
 
-    const ShareAllocators& operator*() const { return *mAllocators; }
     const ShareAllocators* operator->() const { return mAllocators.get(); }
     uint8_t* data() { return reinterpret_cast<uint8_t*>(mData.data()); }
     BuddyInfo* info() const { return reinterpret_cast<BuddyInfo*>(mAllocators->buddyZone() + 1); }
@@ -280,27 +279,16 @@ TEST(ShareAllocators, DamagedSegmentsLeadNowhere) {
                                        uint64_t{random()} << 32 | random(), random() % 4000 * 8};
             word = values[random() % std::size(values)];
         }
+        const std::function<void(int32_t)> operations[] = {
+            [&](int32_t) { offsets.push_back(pool->offsetOf(pool->take(1000))); },
+            [&](int32_t offset) { refer->addRefer(refer, offset); },
+            [&](int32_t offset) { refer->incDeliverRef(refer, offset); },
+            [&](int32_t offset) { refer->releaseRefer(refer, offset); },
+            [&](int32_t) { refer->expireClean(refer); },
+            [&](int32_t) { refer->releaseByPid(refer, getpid()); },
+        };
         for (int step = 0; step < 60; ++step) {
-            const int32_t offset = offsets[random() % offsets.size()];
-            switch (random() % 6) {
-                case 0:
-                    offsets.push_back(pool->offsetOf(pool->take(1000)));
-                    break;
-                case 1:
-                    refer->addRefer(refer, offset);
-                    break;
-                case 2:
-                    refer->incDeliverRef(refer, offset);
-                    break;
-                case 3:
-                    refer->releaseRefer(refer, offset);
-                    break;
-                case 4:
-                    refer->expireClean(refer);
-                    break;
-                default:
-                    refer->releaseByPid(refer, getpid());
-            }
+            operations[random() % std::size(operations)](offsets[random() % offsets.size()]);
         }
         pool->freeSize();
         pool->buddy->printNodeInfo(pool->buddy);

@@ -4,9 +4,10 @@
 //     create DATA PAGE MODE | attach          yes, no
 //     attachSlowly N                          "attaching" before it looks for the data segment the
 //                                             Nth time; then, after another line, yes, no
-//     packet SIZE EXTRA | claim HEX           the packet's name, or "invalid"
+//     packet SIZE EXTRA                       the packet's name, or "invalid"
+//     claim HEX [OFFSET VALUE]                likewise; with a word of the description forged
 //     describe PACKET                         HEX, or "invalid"
-//     text PACKET | extra PACKET | addr PACKET
+//     text PACKET | extra PACKET
 //     write PACKET TEXT | drop PACKET      done
 //     free                                    bytes free in the pool
 //     release                                 lets go of the pool, which ends the process
@@ -82,11 +83,18 @@ std::string describe(const Packet& packet) {
     return description.valid() ? hex : "invalid";
 }
 
-std::string claim(const std::string& hex) {
+std::string claim(std::istream& in) {
+    std::string hex;
+    in >> hex;
     const size_t length = hex.size() / 2;
     auto* bytes = static_cast<uint8_t*>(malloc(length));
     for (size_t i = 0; i < length; ++i) {
         bytes[i] = static_cast<uint8_t>(std::stoul(hex.substr(2 * i, 2), nullptr, 16));
+    }
+    size_t offset = 0;
+    uint32_t value = 0;
+    if (in >> offset >> value) {
+        memcpy(bytes + offset, &value, sizeof value);
     }
     const Packet description(bytes, static_cast<int>(length), Packet::FreeFunction(&freeBytes));
     const Packet packet = SharePacket::instance()->convertOriginal(description);
@@ -113,9 +121,6 @@ std::string onPacket(const std::string& word, std::istream& in) {
     if (word == "extra") {
         return {static_cast<char*>(packet.getExtraData()),
                 static_cast<size_t>(packet.getExtraSize())};
-    }
-    if (word == "addr") {
-        return std::to_string(reinterpret_cast<uintptr_t>(packet.getBuffer()));
     }
     if (word == "write") {
         memcpy(packet.getBuffer(), text.data(), text.size());
@@ -160,9 +165,7 @@ std::string answer(const std::string& line) {
         return makePacket(size, extraSize);
     }
     if (word == "claim") {
-        std::string hex;
-        in >> hex;
-        return claim(hex);
+        return claim(in);
     }
     if (word == "free") {
         return freeSize();
