@@ -229,7 +229,7 @@ TEST(Buddy, AReadyZoneIsTakenAsItIsOrNotAtAll) {
     }
 }
 
-/// A list that was torn may lead to what is out by now.
+/// A damaged list may lead to what is out.
 TEST(ShareAllocators, WhatIsOutIsNotGivenOutAgain) {
     LogCapture log;
     Pool pool({16 * 1024, 1024, 0});

@@ -62,22 +62,28 @@ TEST_F(SharePackets, ThePoolIsMadeFromGoodArgumentsOnly) {
     getLastErrno();
     EXPECT_FALSE(share.initialPacket(nullptr));
     EXPECT_EQ(getLastErrno(), 1);
-    SharePacket::Param param{0, 2, 1 << 20, 4096, 0, 0};
-    EXPECT_FALSE(share.initialPacket(&param)) << "no such role";
-    EXPECT_EQ(getLastErrno(), 1);
-    param = {1, 1, 1 << 20, 4096, 0, 0};
-    EXPECT_FALSE(share.initialPacket(&param)) << "no such kind";
-    EXPECT_TRUE(log().has("pool type not support.\n"));
-    EXPECT_EQ(getLastErrno(), 1);
-    param = {0, 0, 0, 0, 0, 0};
-    EXPECT_FALSE(share.initialPacket(&param)) << "nothing to attach to";
-    EXPECT_TRUE(log().has("shareMemGet failed.\n"));
-    EXPECT_TRUE(log().has("init memory pool failed.\n"));
-    param = {0, 1, 0x80000000, 4096, 0, 0};
-    EXPECT_FALSE(share.initialPacket(&param)) << "more than a segment can have";
+    const struct {
+        const char* why;
+        SharePacket::Param param;
+        int error;
+        const char* line;
+    } cases[] = {
+        {"no such role", {0, 2, 1 << 20, 4096, 0, 0}, 1, "invalid arg.\n"},
+        {"no such kind", {1, 1, 1 << 20, 4096, 0, 0}, 1, "pool type not support.\n"},
+        {"nothing to attach to", {}, 0, "shareMemGet failed.\n"},
+        {"too much for a segment", {0, 1, 0x80000000, 4096, 0, 0}, 0, "init memory pool failed.\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.why);
+        const int before = log().count(c.line);
+        SharePacket::Param param = c.param;
+        EXPECT_FALSE(share.initialPacket(&param));
+        EXPECT_EQ(getLastErrno(), c.error);
+        EXPECT_EQ(log().count(c.line), before + 1);
+    }
     EXPECT_EQ(ShareMemoryManager::instance()->getMemPool(), nullptr);
 
-    param = {0, 1, 1 << 20, 8192, 0, 0};
+    SharePacket::Param param{0, 1, 1 << 20, 8192, 0, 0};
     EXPECT_TRUE(share.initialPacket(&param));
     EXPECT_TRUE(log().has("not support pagesize bigger than 4096"));
     ShareMemoryPool::Param made{};
