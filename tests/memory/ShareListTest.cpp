@@ -3,12 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstring>
 #include <random>
-#include <set>
-#include <vector>
 
 #include "memory/share/List.h"
 #include "tests/support/LogCapture.h"
@@ -17,12 +16,13 @@ using namespace Vantel::Memory;
 
 namespace {
 
+constexpr size_t kCells = 7;
 constexpr List kFree{1, 1};  // leads nowhere
 
 /// What processes share: a head and the cells that its list may have.
 struct Memory {
     List head;
-    std::array<List, 7> cells;
+    std::array<List, kCells> cells;
 
     ListArea area() { return {reinterpret_cast<uint8_t*>(cells.data()), sizeof cells}; }
     bool insert(size_t cell) { return listInsert(&head, &cells[cell], area()); }
@@ -67,27 +67,24 @@ void collectStates(size_t length, Operation&& operation) {
 class Others {
 public:
     Others(const Memory& found, size_t length, size_t torn) : mMemory(found), mTorn(torn) {
-        for (size_t cell = 0; cell < length; ++cell) {
-            mMembers.insert(cell);
-        }
-        mMembers.erase(torn);
+        std::fill_n(mListed.begin(), length, true);
     }
 
     void goOn(uint32_t seed) {
         std::mt19937 random(seed);
         ASSERT_NO_FATAL_FAILURE(check());
         for (int step = 0; step < 40; ++step) {
-            const size_t cell = random() % mMemory.cells.size();
-            if (mMembers.count(cell) != 0) {
-                remove(cell);  // refused at times: then it is tried again later
+            const size_t cell = random() % mListed.size();
+            if (cell != mTorn && !mListed[cell]) {
+                mListed[cell] = mMemory.insert(cell);
+                ASSERT_TRUE(mListed[cell]);
             } else if (cell != mTorn) {
-                ASSERT_TRUE(mMemory.insert(cell));
-                mMembers.insert(cell);
+                remove(cell);  // refused at times: then it is tried again later
             }
             ASSERT_NO_FATAL_FAILURE(check());
         }
-        for (std::vector<size_t> found = walk(); !found.empty(); found = walk()) {
-            ASSERT_TRUE(remove(found.front()));
+        while (!listEmpty(&mMemory.head)) {
+            ASSERT_TRUE(remove(mMemory.head.next / sizeof(List)));
             ASSERT_NO_FATAL_FAILURE(check());
         }
     }
@@ -96,41 +93,35 @@ private:
     bool remove(size_t cell) {
         const bool removed = mMemory.remove(cell);
         if (removed) {
-            mMembers.erase(cell);
+            mListed[cell] = false;
             mMemory.cells[cell] = kFree;
         }
         return removed;
     }
-    std::vector<size_t> walk() {
-        std::vector<size_t> found;
-        listFind(&mMemory.head, mMemory.area(), [&](const List* cell) {
-            found.push_back(static_cast<size_t>(cell - mMemory.cells.data()));
-            return false;
-        });
-        return found;
-    }
     void check() {
-        const std::vector<size_t> found = walk();
-        std::set<size_t> once(found.begin(), found.end());
-        ASSERT_EQ(once.size(), found.size()) << "went round in circles";
-        once.erase(mTorn);
-        ASSERT_EQ(once, mMembers);
-        for (size_t cell = 0; cell < mMemory.cells.size(); ++cell) {
+        std::array<int, kCells> found{};
+        listFind(&mMemory.head, mMemory.area(), [&](const List* cell) {
+            return ++found[static_cast<size_t>(cell - mMemory.cells.data())] > 1;
+        });
+        for (size_t cell = 0; cell < found.size(); ++cell) {
             const List& link = mMemory.cells[cell];
-            ASSERT_TRUE(mMembers.count(cell) != 0 || cell == mTorn ||
-                        (link.prev == kFree.prev && link.next == kFree.next))
-                << "wrote to what is somebody else's by now";
+            ASSERT_LE(found[cell], 1) << "goes round in circles";
+            if (cell != mTorn) {
+                ASSERT_EQ(found[cell] == 1, mListed[cell]);
+                ASSERT_TRUE(mListed[cell] || (link.prev == kFree.prev && link.next == kFree.next))
+                    << "written to, though it is somebody else's by now";
+            }
         }
     }
 
     Memory mMemory;
-    std::set<size_t> mMembers;
+    std::array<bool, kCells> mListed{};
     const size_t mTorn;
 };
 
 TEST(ShareList, OthersGoOnWhereverAProcessIsKilled) {
     const OrbelTest::LogCapture log;  // free neighbours lead nowhere, with a line each
-    constexpr size_t kNewCell = 6;
+    constexpr size_t kNewCell = kCells - 1;
     for (size_t length = 0; length <= 4; ++length) {
         for (size_t cell = 0; cell <= length; ++cell) {
             const bool isNew = cell == length;
