@@ -36,7 +36,8 @@ public:
 
     /// The pool of this process, attached at the first call; later ones only look it up. Of `param`
     /// the `type` must be 0, and `debugMode` is taken; the sizes may be 0. Null, with an error
-    /// line and nothing left attached, if there is no pool on the machine or it isn't whole.
+    /// line and nothing left attached, if there is no pool on the machine, it isn't whole, or a
+    /// creator replaces it at that moment.
     ShareMemoryPool* loadMemPool(ShareMemoryPool::Param* param);
 
     /// Makes the pool, in place of one that is there, and starts its cleaning. With a `debugMode`
