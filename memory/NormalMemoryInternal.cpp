@@ -87,6 +87,14 @@ NormalMemoryInternal* NormalMemoryInternal::createSplit(int32_t size, int32_t ex
         NormalMemoryInternal(kPoolBlock, false, payload, size, size, start, extraSize);
 }
 
+/// What a slice of `packet` keeps: for a slice of a slice, the packet behind both. One that is cut
+/// again and again would else keep them all, and nest their destructors as deep.
+const Packet& NormalMemoryInternal::payloadOwner(const Packet& packet) {
+    // Packets that can be sliced hold no other class.
+    const auto* block = static_cast<const NormalMemoryInternal*>(packet.mInternal);
+    return block->mKind == kSlice ? *block->mParent : packet;
+}
+
 NormalMemoryInternal* NormalMemoryInternal::createSlice(const Packet& parent, int32_t offset,
                                                         int32_t size, int32_t extraSize) {
     const int64_t header = withRecord(0, extraSize);
@@ -101,7 +109,7 @@ NormalMemoryInternal* NormalMemoryInternal::createSlice(const Packet& parent, in
     uint8_t* buffer = parent.getBuffer();  // null in a deferred packet that has none yet
     auto* slice = new (recordPlace(start, header)) NormalMemoryInternal(
         kSlice, false, buffer == nullptr ? nullptr : buffer + offset, size, size, start, extraSize);
-    slice->mParent = new Packet(parent);
+    slice->mParent = new Packet(payloadOwner(parent));
     return slice;
 }
 

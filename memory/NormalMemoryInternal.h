@@ -52,6 +52,7 @@ private:
 
     static NormalMemoryInternal* createInOneBlock(int32_t size, int32_t extraSize);
     static NormalMemoryInternal* createSplit(int32_t size, int32_t extraSize);
+    static const Packet& payloadOwner(const Packet& packet);
     void destroyPoolBlock();
 
     uint8_t* mBuffer;
@@ -60,7 +61,7 @@ private:
     uint8_t* mExtra;  // also the start of the allocation where the record lies behind it
     uint32_t mExtraSize;
     Kind mKind;
-    Packet* mParent = nullptr;  // of a slice: keeps the payload alive
+    Packet* mParent = nullptr;  // of a slice: keeps the payload alive, and is itself none
     void* mContext = nullptr;
     FreeFunction mFreeFn;
     FreeFunction mDeferredFreeFn;

@@ -328,6 +328,12 @@ TEST(Packet, CallersAndDeferredBuffersNeedNoPolicy) {
     const Packet largest(bytes, INT_MAX, Packet::FreeFunction());
     EXPECT_EQ(largest.capacity(), INT_MAX) << "nothing is allocated for it";
     EXPECT_EQ(Packet(largest, 1, INT_MAX - 1, 0).size(), INT_MAX - 1);
+    Packet rest(largest);
+    for (int i = 1; i <= 500000; ++i) {  // as a parser goes on with what is left
+        rest = Packet(rest, 0, INT_MAX - i, 0);
+    }
+    EXPECT_EQ(rest.size(), INT_MAX - 500000);
+    rest.reset();  // no stack holds as many destructors in each other
 
     Released deferred;
     int context = 0;

@@ -89,6 +89,8 @@ public:
     ///@}
 
 private:
+    friend class NormalMemoryInternal;
+
     MemoryInternal* mInternal;  // null in an invalid packet
 };
 
