@@ -202,10 +202,11 @@ TEST_F(WriteChannelTest, WhatNobodyCouldBeToldOfIsTheWritersAgain) {
     EXPECT_EQ(mReleased, 1u);
 }
 
-// The first reader is done long before the connection to the second has failed, and is not the
-// last.
+// The first reader is done, and not the last, before the loop comes to the connection to the
+// second.
 TEST_F(WriteChannelTest, ABlockWhoseLastReaderCannotBeToldComesBackAtOnce) {
     const auto quick = reader("quick");
+    quick->setSyncMode(true);
     std::atomic<int> got{0};
     ASSERT_TRUE(quick->open([&](Sample&) { ++got; }));
     openDeafReader("deaf");
