@@ -146,7 +146,10 @@ TEST_F(ConfigTest, ReadsAndWritesByPath) {
     for (const char* path : {"no.such.path", "gain.x", "list.x", "net[0]", "list[9]"}) {
         EXPECT_TRUE(document->getConfig(path).isNull()) << path;
     }
+    EXPECT_TRUE(document->setConfig("u", "a.b", 2, IConfig::kDeferSave, {}));
+    EXPECT_EQ(json(contentOf(fileOf("robot"))), expected) << "deferred";
     ASSERT_TRUE(document->deInitial());
+    EXPECT_EQ(json(contentOf(fileOf("robot")))["a"]["b"], 2) << "written at the last moment";
     EXPECT_TRUE(document->getConfig(nullptr).isNull());
     EXPECT_EQ(manager().getConfigObject("robot"), nullptr);
 }
