@@ -255,12 +255,14 @@ TEST_F(ConfigTest, RecoveryLeavesTheExceptionsAlone) {
         const char* except;
         const char* result;
     } cases[] = {
-        {"[]", R"({"net":{"port":80,"ip":"0","sub":{"x":1}},"gain":1,"list":[1,2],"extra":1})"},
-        {R"({"net":true,"gain":false})",
+        {R"({"robot":true})", changed},
+        {R"({"robot":[]})",
+         R"({"net":{"port":80,"ip":"0","sub":{"x":1}},"gain":1,"list":[1,2],"extra":1})"},
+        {R"({"robot":{"net":true,"gain":false}})",
          R"({"net":{"port":1,"ip":"9","own":5,"sub":{"x":9,"y":9}},"gain":1,"list":[1,2],"extra":1})"},
-        {R"({"net":{"port":true,"sub":{"y":true}},"list":true})",
+        {R"({"robot":{"net":{"port":true,"sub":{"y":true}},"list":true}})",
          R"({"net":{"port":1,"ip":"0","own":5,"sub":{"x":1}},"gain":1,"list":[],"extra":1})"},
-        {R"({"net":null,"gain":{"x":true}})",
+        {R"({"robot":{"net":null,"gain":{"x":true}}})",
          R"({"net":{"port":80,"ip":"0","own":5,"sub":{"x":1}},"gain":9,"list":[1,2],"extra":1})"},
     };
     const auto other = started("other", R"({"gain":9})");
@@ -270,9 +272,7 @@ TEST_F(ConfigTest, RecoveryLeavesTheExceptionsAlone) {
         auto document = started("robot", changed);
         document->verify = [](const Json::Value&) { return false; };
         EXPECT_TRUE(other->setConfig("u", "gain", 9, 0, {}));
-        Json::Value all;
-        all["robot"] = json(c.except);
-        EXPECT_TRUE(manager().recovery("u", all));
+        EXPECT_TRUE(manager().recovery("u", json(c.except)));
         manager().processEvents();
         EXPECT_EQ(json(contentOf(fileOf("robot"))), json(c.result));
         EXPECT_EQ(other->getConfig("gain"), 1);
@@ -296,6 +296,9 @@ TEST_F(ConfigTest, ImportAndExport) {
     EXPECT_EQ(out, json(R"([{"key":"a","value":{"x":1}},{"key":"b","value":{"x":2}}])"));
     EXPECT_TRUE(manager().exportConfig(out, json(R"([5,"unknown","b"])")));
     EXPECT_EQ(out, json(R"([{"key":"b","value":{"x":2}}])"));
+    EXPECT_TRUE(b->setConfig("u", nullptr, Json::objectValue, 0, {}));
+    EXPECT_TRUE(manager().exportConfig(out, json(R"(["b"])")));
+    EXPECT_TRUE(out.isNull()) << "of an empty document";
     EXPECT_FALSE(manager().exportConfig(out, "b"));
     EXPECT_TRUE(out.isNull());
 
