@@ -105,7 +105,7 @@ TEST_F(PluginHelperTest, LibrariesThatAreNoPlugins) {
     } cases[] = {
         {mDirectory / "missing.so", "missing.so failed, reason = "},
         {mDirectory.write("text.so", "no library"), "text.so failed, reason = "},
-        {"libm.so.6", "library not found objectPluginInit sysbol"},
+        {"libanl.so.1", "library not found objectPluginInit sysbol"},
         {"", "library not found objectPluginInit sysbol"},  // the program itself
     };
     for (const auto& c : cases) {
@@ -115,7 +115,8 @@ TEST_F(PluginHelperTest, LibrariesThatAreNoPlugins) {
         EXPECT_FALSE(mHelper.loadClass(c.path.c_str())) << "it is not taken as loaded";
         EXPECT_EQ(mLog.count(c.line), lines + 2);
     }
-    EXPECT_FALSE(mHelper.unloadClass("libm.so.6"));
+    EXPECT_EQ(dlopen("libanl.so.1", RTLD_LAZY | RTLD_NOLOAD), nullptr) << "it stays open";
+    EXPECT_FALSE(mHelper.unloadClass("libanl.so.1"));
     EXPECT_TRUE(mLog.has("object not support unload dynamic library"));
 }
 
