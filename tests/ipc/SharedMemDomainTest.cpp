@@ -341,7 +341,7 @@ TEST_F(SharedMemDomainTest, AnotherProcessTakesOverWhenTheMasterIsKilled) {
     EXPECT_TRUE(waitFor([&] { return !domain->checkNodeAlive(id); }));
     EXPECT_EQ(table->header().masterPid.load(), static_cast<uint32_t>(getpid()));
     EXPECT_EQ(usedSlots(), 0u);
-    EXPECT_TRUE(mLog.has("Node first (pid="));
+    EXPECT_TRUE(waitFor([&] { return mLog.has("Node first (pid="); }));  // once out of the lock
     EXPECT_TRUE(waitFor([&] { return domain->getReaderProxy(id) == nullptr; }));
 }
 
