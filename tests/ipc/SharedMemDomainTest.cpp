@@ -399,12 +399,14 @@ TEST_F(SharedMemDomainTest, SlotsWhoseOwnerDiedInsideTheLockAndForgedOnesComeBac
 }
 
 TEST_F(SharedMemDomainTest, ExitWithEverythingAliveIsInGoodOrder) {
-    for (const char* last : {"pool", "exit-in-loop", "exit-in-callback"}) {
+    for (const std::string last : {"pool", "exit-in-loop", "exit-in-callback"}) {
         SCOPED_TRACE(last);
         const auto process = joinedMember(1);
         ASSERT_NE(process->ask("node a"), "0");
         ASSERT_NE(process->ask(last), "0");
-        process->closeInput();
+        if (last == "pool") {  // the others end by themselves, and two exits at once are undefined
+            process->closeInput();
+        }
         EXPECT_EQ(process->wait(), 0);
     }
     joined();
